@@ -1,0 +1,47 @@
+# swu_add_test(<name> SOURCES ... [LIBS ...] [PORTABLE] [THREADED] [TIMEOUT s])
+#
+# One GoogleTest executable per module. Labels say where a test also runs:
+#   PORTABLE  touches nothing of the host simulation, so the terminal (armhf)
+#             build runs it under qemu;
+#   THREADED  exercises real threads, so the ThreadSanitizer build runs it.
+# SWU_TEST_SUBSET ("all", "threaded", "portable") selects what a build compiles.
+function(swu_add_test name)
+  cmake_parse_arguments(T "PORTABLE;THREADED" "TIMEOUT" "SOURCES;LIBS" ${ARGN})
+  if(SWU_TEST_SUBSET STREQUAL "threaded" AND NOT T_THREADED)
+    return()
+  endif()
+  if(SWU_TEST_SUBSET STREQUAL "portable" AND NOT T_PORTABLE)
+    return()
+  endif()
+  if(NOT T_TIMEOUT)
+    set(T_TIMEOUT 120)
+  endif()
+  set(labels "")
+  if(T_PORTABLE)
+    list(APPEND labels portable)
+  endif()
+  if(T_THREADED)
+    list(APPEND labels threaded)
+  endif()
+  add_executable(${name} ${T_SOURCES})
+  target_link_libraries(${name} PRIVATE ${T_LIBS} GTest::gtest GTest::gmock GTest::gtest_main)
+  target_compile_definitions(${name} PRIVATE SWU_BIN_DIR="${CMAKE_BINARY_DIR}/bin"
+                                             SWU_SOURCE_DIR="${PROJECT_SOURCE_DIR}")
+  set(props TIMEOUT ${T_TIMEOUT})
+  if(labels)
+    # Two labels must reach set_tests_properties as one value.
+    string(REPLACE ";" "\\;" labels "${labels}")
+    list(APPEND props LABELS "${labels}")
+  endif()
+  gtest_discover_tests(${name} DISCOVERY_MODE PRE_TEST DISCOVERY_TIMEOUT 60 PROPERTIES ${props})
+  set_property(GLOBAL APPEND PROPERTY SWU_TEST_TARGETS ${name})
+endfunction()
+
+# A target that builds every test executable of this build.
+function(swu_finish_test_targets)
+  get_property(targets GLOBAL PROPERTY SWU_TEST_TARGETS)
+  add_custom_target(swu_tests)
+  if(targets)
+    add_dependencies(swu_tests ${targets})
+  endif()
+endfunction()
