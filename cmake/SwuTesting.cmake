@@ -1,12 +1,14 @@
-# swu_add_test(<name> SOURCES ... [LIBS ...] [PORTABLE] [THREADED] [TIMEOUT s])
+# swu_add_test(<name> SOURCES ... [LIBS ...] [PORTABLE] [THREADED] [NETNS] [TIMEOUT s])
 #
 # One GoogleTest executable per module. Labels say where a test also runs:
 #   PORTABLE  touches nothing of the host simulation, so the terminal (armhf)
 #             build runs it under qemu;
 #   THREADED  exercises real threads, so the ThreadSanitizer build runs it.
+# NETNS runs each test case in a private network namespace of its own (needs
+# root), for tests that start the daemon on its fixed ports.
 # SWU_TEST_SUBSET ("all", "threaded", "portable") selects what a build compiles.
 function(swu_add_test name)
-  cmake_parse_arguments(T "PORTABLE;THREADED" "TIMEOUT" "SOURCES;LIBS" ${ARGN})
+  cmake_parse_arguments(T "PORTABLE;THREADED;NETNS" "TIMEOUT" "SOURCES;LIBS" ${ARGN})
   if(SWU_TEST_SUBSET STREQUAL "threaded" AND NOT T_THREADED)
     return()
   endif()
@@ -24,7 +26,12 @@ function(swu_add_test name)
     list(APPEND labels threaded)
   endif()
   add_executable(${name} ${T_SOURCES})
-  target_link_libraries(${name} PRIVATE ${T_LIBS} GTest::gtest GTest::gmock GTest::gtest_main)
+  if(T_NETNS)
+    target_sources(${name} PRIVATE ${PROJECT_SOURCE_DIR}/tests/support/netns_main.cpp)
+    target_link_libraries(${name} PRIVATE ${T_LIBS} GTest::gtest GTest::gmock)
+  else()
+    target_link_libraries(${name} PRIVATE ${T_LIBS} GTest::gtest GTest::gmock GTest::gtest_main)
+  endif()
   target_compile_definitions(${name} PRIVATE SWU_BIN_DIR="${CMAKE_BINARY_DIR}/bin"
                                              SWU_SOURCE_DIR="${PROJECT_SOURCE_DIR}")
   set(props TIMEOUT ${T_TIMEOUT})
