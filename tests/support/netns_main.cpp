@@ -12,6 +12,8 @@
 int main(int argc, char **argv)
 {
     ::testing::InitGoogleTest(&argc, argv);
+    if (GTEST_FLAG_GET(list_tests))
+        return RUN_ALL_TESTS();
     if (unshare(CLONE_NEWNET) != 0) {
         fprintf(stderr,
                 "these tests need a private network namespace (unshare: %s); run them as root\n",
