@@ -34,13 +34,18 @@ function(swu_add_test name)
   endif()
   target_compile_definitions(${name} PRIVATE SWU_BIN_DIR="${CMAKE_BINARY_DIR}/bin"
                                              SWU_SOURCE_DIR="${PROJECT_SOURCE_DIR}")
-  set(props TIMEOUT ${T_TIMEOUT})
+  gtest_discover_tests(${name} DISCOVERY_MODE PRE_TEST DISCOVERY_TIMEOUT 60
+                       PROPERTIES TIMEOUT ${T_TIMEOUT})
   if(labels)
-    # Two labels must reach set_tests_properties as one value.
-    string(REPLACE ";" "\\;" labels "${labels}")
-    list(APPEND props LABELS "${labels}")
+    # Discovery splits a list-valued property, so the labels are set by a
+    # script that ctest reads after the discovered tests exist.
+    set(label_script ${CMAKE_CURRENT_BINARY_DIR}/${name}_labels.cmake)
+    file(WRITE ${label_script}
+         "if(${name}_TESTS)\n"
+         "  set_tests_properties(\${${name}_TESTS} PROPERTIES LABELS \"${labels}\")\n"
+         "endif()\n")
+    set_property(DIRECTORY APPEND PROPERTY TEST_INCLUDE_FILES ${label_script})
   endif()
-  gtest_discover_tests(${name} DISCOVERY_MODE PRE_TEST DISCOVERY_TIMEOUT 60 PROPERTIES ${props})
   set_property(GLOBAL APPEND PROPERTY SWU_TEST_TARGETS ${name})
 endfunction()
 
