@@ -1,0 +1,179 @@
+// Integrity check and unpacking of a received update package.
+#include "swu/pkg_install.h"
+
+#include "lib/sys/swu_assert.h"
+#include "platform/platform.h"
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <dirent.h>
+#include <fcntl.h>
+#include <filesystem>
+#include <string>
+#include <sys/stat.h>
+#include <unistd.h>
+#include <vector>
+
+namespace
+{
+
+// Unpacking command: package path and staging directory, each quoted as one
+// shell word. -o keeps the archive's owners from being restored (GNU and
+// BusyBox tar both read it so when extracting).
+constexpr char UNZIP_CMD[] = "tar -o -xzf %s -C %s";
+
+// Removes from the staging directory everything but the regular files at its
+// top. A link or directory left by an earlier package would otherwise let
+// this package's members be written through it, outside the directory (tar
+// follows a link that is already on disk). Leftover names that can never be
+// artifacts go too, so they can't block later packages. The regular files
+// stay: they count as artifacts of this run. False when something stayed.
+bool purge_staging(const std::string &staging)
+{
+    DIR *dir = opendir(staging.c_str());
+    if (dir == nullptr)
+        return false;
+    std::vector<std::string> doomed;
+    while (struct dirent *ent = readdir(dir)) {
+        if (strcmp(ent->d_name, ".") == 0 || strcmp(ent->d_name, "..") == 0)
+            continue;
+        struct stat st;
+        if (fstatat(dirfd(dir), ent->d_name, &st, AT_SYMLINK_NOFOLLOW) == 0 &&
+            S_ISREG(st.st_mode) && strlen(ent->d_name) < ARTIFACT_NAME_SIZE)
+            continue;
+        doomed.push_back(staging + ent->d_name);
+    }
+    closedir(dir);
+    bool purged = true;
+    for (const std::string &path : doomed) {
+        std::error_code ec; // remove_all removes a link itself, never its target
+        std::filesystem::remove_all(path, ec);
+        if (ec) {
+            printf("can't remove %s: %s\n", path.c_str(), ec.message().c_str());
+            purged = false;
+        }
+    }
+    return purged;
+}
+
+} // namespace
+
+int extract_footer(pkg_metadata_t *pkg_data, int fd, off_t fsize)
+{
+    SWU_ASSERT(pkg_data != nullptr);
+    off_t footer_at = fsize - static_cast<off_t>(PKG_FOOTER_SIZE);
+    off_t at = lseek(fd, footer_at, SEEK_SET);
+    if (at < 0 || at != footer_at) {
+        perror("file seek failed");
+        return -1;
+    }
+
+    uint8_t raw[PKG_FOOTER_SIZE];
+    if (plat_read(fd, raw, sizeof raw) != static_cast<ssize_t>(sizeof raw)) {
+        perror("file read failed");
+        return -1;
+    }
+    pkg_footer_decode(raw, pkg_data);
+    printf("[pkg data]  ->artifacts_bitmask: 0x%X, ->crc:%u\n", pkg_data->artifacts_bitmask,
+           pkg_data->crc);
+
+    if (ftruncate(fd, footer_at) != 0) {
+        perror("file truncate failed");
+        return -1;
+    }
+    if (lseek(fd, 0, SEEK_SET) != 0) {
+        perror("file seek failed");
+        return -1;
+    }
+    return 0;
+}
+
+int check_pkg_crc(const char *path, pkg_metadata_t *pkg_data)
+{
+    SWU_ASSERT(path != nullptr);
+    SWU_ASSERT(pkg_data != nullptr);
+
+    // Descriptor 0 is a valid one when the service runs with stdin closed.
+    int fd = open(path, O_RDWR | O_CLOEXEC);
+    if (fd < 0) {
+        perror("open pkg failed");
+        return -1;
+    }
+    struct stat st;
+    if (fstat(fd, &st) != 0) {
+        perror("fstat failed");
+        close(fd);
+        return -1;
+    }
+    if (extract_footer(pkg_data, fd, st.st_size) != 0) {
+        perror("invalid footer");
+        g_instatll_status = INSTALL_STT_CRC_ERROR;
+        close(fd);
+        return -1;
+    }
+
+    int result = -1;
+    uint32_t crc = PKG_CRC_START;
+    uint64_t payload_size = static_cast<uint64_t>(st.st_size) - PKG_FOOTER_SIZE;
+    if (pkg_crc_fd(fd, payload_size, &crc) != 0) {
+        perror("read failed");
+        g_instatll_status = INSTALL_STT_CRC_ERROR;
+    } else if (crc == pkg_data->crc) {
+        printf("[success] extracted metadata crc: %u | calculated truncated pkg crc "
+               "%u..............\n",
+               pkg_data->crc, crc);
+        g_instatll_status = INSTALL_STT_CRC_OK;
+        result = 0;
+    } else {
+        printf("[failure] extracted metadata crc: %u | calculated truncated pkg crc "
+               "%u..............\n",
+               pkg_data->crc, crc);
+        fflush(stdout);
+        perror("invalid crc");
+        g_instatll_status = INSTALL_STT_CRC_ERROR;
+    }
+    close(fd);
+    return result;
+}
+
+int do_extract_pkg(const char *path)
+{
+    SWU_ASSERT(path != nullptr);
+    std::string staging = plat_path("/tmp/pkg/");
+    struct stat st;
+    if (stat(staging.c_str(), &st) != 0 && mkdir(staging.c_str(), 0777) != 0) {
+        perror("mkdir faild....\n");
+        return -1;
+    }
+    if (!purge_staging(staging)) {
+        perror("extract cmd failed");
+        return -1;
+    }
+
+    // The package path and the staging directory are quoted, so no name
+    // reaches the shell as anything but one argument.
+    std::string quoted_pkg = pkg_shell_quote(path);
+    std::string quoted_dir = pkg_shell_quote(staging.c_str());
+    std::string pkg_extract_cmd(sizeof UNZIP_CMD + quoted_pkg.size() + quoted_dir.size(), '\0');
+    int len = snprintf(pkg_extract_cmd.data(), pkg_extract_cmd.size(), UNZIP_CMD,
+                       quoted_pkg.c_str(), quoted_dir.c_str());
+    pkg_extract_cmd.resize(len > 0 ? static_cast<size_t>(len) : 0);
+    if (plat_system(pkg_extract_cmd.c_str()) != 0) {
+        perror("extract cmd failed");
+        return -1;
+    }
+    return 0;
+}
+
+int do_pkg_validation(const char *path, pkg_metadata_t *pkg_data)
+{
+    if (check_pkg_crc(path, pkg_data) != 0)
+        return -1;
+    if (do_extract_pkg(path) == 0) {
+        g_instatll_status = INSTALL_STT_ARTIFACT_OK;
+        return 0;
+    }
+    g_instatll_status = INSTALL_STT_ARTIFACT_ERROR;
+    return -1;
+}

@@ -1,0 +1,313 @@
+// The service's process skeleton: options, context, and the receive and
+// transmit threads between the protocol socket and the queues.
+#include "swu/swu.h"
+
+#include "lib/sys/swu_assert.h"
+#include "swu/pkg_install.h"
+#include "swu/sys-api.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <sys/socket.h>
+#include <unistd.h>
+
+std::atomic<int> g_to_exit{0};
+std::atomic<long> g_swu_reson{0};
+int g_set_stream_failure = 0;
+int g_invalid_pkg_name = 0;
+int g_invalid_pkg_name_len = 0;
+int g_invalid_pkg_size = 0;
+int g_malloc_failure = 0;
+
+namespace
+{
+
+constexpr const char *USAGE_FMT =
+    "Usage: %s [-S] [-w num of iterations]\n\tS:\tsimulate stream failure\n\tF:\tsimulate invalid "
+    "file name\n\tL:\tsimulate invalid file name length\n\tZ:\tsimulate invalid pkg size\n\tM:\t"
+    "simulate memory failure\n\tR:\tsimulate SWU reson (0x0, 0x1, 0x2, 0x3)\n";
+
+// A reason given on the command line is meant for testing the client side
+// with a chosen reason, so the registers must not overwrite it.
+bool g_swu_reson_given = false;
+
+// Set by the transmit thread when it reaches the empty marker message that
+// the shutdown queues behind everything else: all before it has been sent.
+std::atomic<int> g_tx_flushed{0};
+
+[[noreturn]] void or_bust(const char *what, int err)
+{
+    errno = err;
+    perror(what);
+    exit(err);
+}
+
+} // namespace
+
+void swu_parse_options(int argc, char **argv)
+{
+    int opt;
+    while ((opt = getopt(argc, argv, "R:SFLZM")) != -1) {
+        switch (opt) {
+        case 'S':
+            g_set_stream_failure = 1;
+            break;
+        case 'F':
+            g_invalid_pkg_name = 1;
+            break;
+        case 'L':
+            g_invalid_pkg_name_len = 1;
+            break;
+        case 'Z':
+            g_invalid_pkg_size = 1;
+            break;
+        case 'M':
+            g_malloc_failure = 1;
+            break;
+        case 'R':
+            g_swu_reson = strtol(optarg, nullptr, 16);
+            g_swu_reson_given = true;
+            printf("swu reson: 0x%lX\n", g_swu_reson.load());
+            break;
+        default:
+            printf(USAGE_FMT, argv[0]);
+            exit(1);
+        }
+    }
+}
+
+int swu_init_context(swu_data_t *swu_data, const struct timespec *q_wait)
+{
+    SWU_ASSERT(swu_data != NULL);
+    int ret = pthread_attr_init(&swu_data->thrd_attr);
+    if (ret != 0)
+        return ret;
+    ilq_init(&swu_data->msg_q[RX_MSG_Q], q_wait);
+    ilq_init(&swu_data->msg_q[TX_MSG_Q], q_wait);
+    fsm_init(&swu_data->sm, SM_STATE_IDLE, swu_data);
+    timer_init(&swu_data->timer, SWU_SESSION_TIMEOUT_S);
+    swu_data->pkg_file = nullptr;
+    return 0;
+}
+
+void swu_init(swu_data_t *swu_data)
+{
+    SWU_ASSERT(swu_data != NULL);
+    if (!g_swu_reson_given)
+        g_swu_reson = sys_api_get_swu_reson_reg();
+    g_instatll_thrd_data.swu_reson = g_swu_reson;
+    printf("\t\treson: 0x%lX..............\n", g_swu_reson.load());
+
+    memset(static_cast<void *>(swu_data), 0, sizeof(*swu_data));
+    if (udps_init(&swu_data->sock[MC_SOCK]) == nullptr ||
+        udps_init(&swu_data->sock[TXRX_SOCK]) == nullptr)
+        or_bust("[OR_BUST] udps_init", errno);
+    int rcvbuf = SWU_RCVBUF_SIZE;
+    setsockopt(swu_data->sock[TXRX_SOCK].sock_fd, SOL_SOCKET, SO_RCVBUF, &rcvbuf, sizeof(rcvbuf));
+    if (udps_bind(&swu_data->sock[TXRX_SOCK], PROTO_SWU_PORT) != 0)
+        or_bust("[OR_BUST] udps_bind", errno);
+    int ret = swu_init_context(swu_data, &SWU_QUEUE_WAIT);
+    if (ret != 0)
+        or_bust("[OR_BUST] pthrd attr init", ret);
+}
+
+int swu_cleanup(swu_data_t *swu_data)
+{
+    SWU_ASSERT(swu_data != NULL);
+    msg_q_drain(&swu_data->msg_q[RX_MSG_Q]);
+    msg_q_drain(&swu_data->msg_q[TX_MSG_Q]);
+    ilq_destroy(&swu_data->msg_q[RX_MSG_Q]);
+    ilq_destroy(&swu_data->msg_q[TX_MSG_Q]);
+    shutdown(swu_data->sock[TXRX_SOCK].sock_fd, SHUT_RDWR);
+    shutdown(swu_data->sock[MC_SOCK].sock_fd, SHUT_RDWR);
+    udps_close(&swu_data->sock[TXRX_SOCK]);
+    udps_close(&swu_data->sock[MC_SOCK]);
+    pthread_attr_destroy(&swu_data->thrd_attr);
+    return 0;
+}
+
+int swu_start_threads(swu_data_t *swu_data, thread_desc_t *adv, thread_desc_t *rx,
+                      thread_desc_t *tx)
+{
+    SWU_ASSERT(swu_data != NULL);
+    SWU_ASSERT(adv != NULL && rx != NULL && tx != NULL);
+    struct start {
+        thread_desc_t *desc;
+        void *(*proc)(void *);
+    };
+    const start order[] = {{adv, self_adv_thrd_proc}, {rx, rx_thrd_proc}, {tx, tx_thrd_proc}};
+    for (const start &s : order) {
+        s.desc->thread_id = 0;
+        pthread_t id;
+        int ret = pthread_create(&id, &swu_data->thrd_attr, s.proc, s.desc);
+        if (ret != 0) {
+            errno = ret;
+            perror("[OR_BUST] pthread_create");
+            swu_stop_threads(swu_data, adv, rx, tx);
+            return ret;
+        }
+        s.desc->thread_id = id;
+    }
+    return 0;
+}
+
+void swu_stop_threads(swu_data_t *swu_data, thread_desc_t *adv, thread_desc_t *rx,
+                      thread_desc_t *tx)
+{
+    SWU_ASSERT(swu_data != NULL);
+    SWU_ASSERT(adv != NULL && rx != NULL && tx != NULL);
+    // The last answer (the reboot response) is queued just before the state
+    // machine ends; the stop flag would keep the transmit thread from sending it.
+    if (tx->thread_id != 0) {
+        g_tx_flushed = 0;
+        msg_t *marker = msg_alloc(0);
+        if (marker != nullptr) {
+            ilq_enqueue(&swu_data->msg_q[TX_MSG_Q], &marker->node);
+            for (int i = 0; i < 1000 && g_tx_flushed == 0; i++)
+                usleep(1000);
+        }
+    }
+    g_to_exit = 1;
+    ilq_release(&swu_data->msg_q[RX_MSG_Q]);
+    ilq_release(&swu_data->msg_q[TX_MSG_Q]);
+    for (thread_desc_t *t : {rx, tx, adv}) {
+        if (t->thread_id != 0)
+            pthread_join(t->thread_id, nullptr);
+        t->thread_id = 0;
+    }
+}
+
+void *rx_thrd_proc(void *arg)
+{
+    SWU_ASSERT(arg != NULL);
+    auto *desc = static_cast<thread_desc_t *>(arg);
+    struct pollfd pfd = {desc->sock->sock_fd, POLLIN, 0};
+    char buff[SWU_DATAGRAM_BUFF_SIZE];
+    struct sockaddr_in sender;
+
+    while (g_to_exit == 0) {
+        pfd.revents = 0;
+        // An error condition is drained like data: the failing receive clears
+        // it, where waiting for POLLIN alone would spin on it.
+        if (udps_poll(&pfd, 1, SWU_POLL_TIMEOUT_MS) <= 0 || pfd.revents == 0)
+            continue;
+        // Everything pending is taken after one wake-up (a flood does not
+        // hold off the stop).
+        while (g_to_exit == 0) {
+            ssize_t n = udps_recvfrom_nonblk(desc->sock, buff, sizeof(buff), &sender);
+            if (n <= 0)
+                break;
+            // A sender faster than the state machine is dropped like an
+            // overflowing socket buffer rather than let to exhaust memory.
+            int queued = 0;
+            sem_getvalue(&desc->msg_q->elem_count_sem, &queued);
+            if (queued >= SWU_RX_QUEUE_MAX)
+                continue;
+            msg_t *msg = msg_alloc(static_cast<uint32_t>(n));
+            if (msg == nullptr)
+                continue; // no memory: this datagram is lost, the next may fit
+            buff_to_msg(msg, buff, static_cast<uint32_t>(n), &sender);
+            ilq_enqueue(desc->msg_q, &msg->node);
+        }
+    }
+    return arg;
+}
+
+void *tx_thrd_proc(void *arg)
+{
+    SWU_ASSERT(arg != NULL);
+    auto *desc = static_cast<thread_desc_t *>(arg);
+    struct pollfd pfd = {desc->sock->sock_fd, POLLOUT, 0};
+    char buff[SWU_DATAGRAM_BUFF_SIZE];
+    struct sockaddr_in dest;
+    msg_t *held = nullptr;
+    uint32_t size = 0;
+
+    while (g_to_exit == 0) {
+        if (held == nullptr) {
+            held = msg_dequeue(desc->msg_q);
+            if (held != nullptr && held->buffer_size == 0) {
+                free(held);
+                held = nullptr;
+                g_tx_flushed = 1;
+            } else if (held != nullptr) {
+                size = std::min<uint32_t>(held->buffer_size, sizeof(buff));
+                msg_to_buff(held, buff, size, &dest);
+            }
+            continue;
+        }
+        pfd.revents = 0;
+        // With an error pending the send fails and clears it; the message is
+        // dropped rather than retried.
+        if (udps_poll(&pfd, 1, SWU_POLL_TIMEOUT_MS) > 0 && pfd.revents != 0) {
+            udps_sendto_nonblk(desc->sock, buff, size, &dest);
+            free(held);
+            held = nullptr;
+        }
+    }
+    free(held);
+    return arg;
+}
+
+void buff_to_msg(msg_t *msg, char *buff, uint32_t size, struct sockaddr_in *client_addr)
+{
+    SWU_ASSERT(msg);
+    SWU_ASSERT(buff);
+    SWU_ASSERT(client_addr);
+    msg->buffer_size = size;
+    msg->client_addr = *client_addr;
+    memcpy(msg->buffer, buff, size);
+}
+
+void msg_to_buff(msg_t *msg, char *buff, uint32_t size, struct sockaddr_in *client_addr)
+{
+    SWU_ASSERT(msg);
+    SWU_ASSERT(buff);
+    SWU_ASSERT(client_addr);
+    *client_addr = msg->client_addr;
+    memcpy(buff, msg->buffer, size);
+}
+
+msg_t *msg_alloc(uint32_t buffer_size)
+{
+    auto *msg = static_cast<msg_t *>(malloc(sizeof(msg_t) + buffer_size));
+    if (msg == nullptr)
+        return nullptr;
+    msg->node.next = nullptr;
+    msg->node.prev = nullptr;
+    memset(&msg->client_addr, 0, sizeof(msg->client_addr));
+    msg->buffer_size = buffer_size;
+    return msg;
+}
+
+msg_t *msg_dequeue(ilq_desc_t *q)
+{
+    // The node is the record's first field.
+    return reinterpret_cast<msg_t *>(ilq_dequeue(q));
+}
+
+void msg_send(ilq_desc_t *q, msg_t *msg)
+{
+    SWU_ASSERT(msg != NULL);
+    ilq_enqueue(q, &msg->node);
+}
+
+void msg_q_drain(ilq_desc_t *q)
+{
+    SWU_ASSERT(q != NULL);
+    while (!ilq_is_empty(q)) {
+        msg_t *msg = msg_dequeue(q);
+        if (msg == nullptr)
+            break;
+        free(msg);
+    }
+}
+
+int msg_opcode(const msg_t *msg)
+{
+    SWU_ASSERT(msg != NULL);
+    return proto_get_opcode(reinterpret_cast<const uint8_t *>(msg->buffer), msg->buffer_size);
+}

@@ -1,0 +1,225 @@
+// The update service: its context, the queued datagram record, the receive
+// and transmit threads, the self-advertisement, and the state handlers with
+// the request operations they share.
+//
+// The state handlers run on the main thread inside the state machine engine
+// and see the network only through the context's two queues: each call takes
+// at most one received msg_t (and frees it), puts any answer on the transmit
+// queue, and returns an event. Everything process-wide below belongs to the
+// main thread unless it is an atomic.
+#pragma once
+
+#include "lib/sys/ilist_queue.h"
+#include "lib/sys/timer.h"
+#include "lib/udp_sock/udp_sock.h"
+#include "swu/fsm.h"
+#include "swu/protocol.h"
+
+#include <atomic>
+#include <cstddef>
+#include <cstdint>
+#include <ctime>
+#include <netinet/in.h>
+#include <pthread.h>
+#include <sys/types.h>
+
+// --- Context and threads -------------------------------------------------------
+
+enum sock_io {
+    MC_SOCK = 0,   // advertisement, never bound
+    TXRX_SOCK = 1, // the whole update protocol, bound to PROTO_SWU_PORT
+    SOCK_COUNT = 2,
+};
+
+enum msg_q_id {
+    RX_MSG_Q = 0,
+    TX_MSG_Q = 1,
+    MSG_Q_COUNT = 2,
+};
+
+enum swu_ret_values {
+    SWU_SUCESSS = 0,
+    SWU_FAILURE = 1,
+    Q_EMPY = 2,
+    DEQ_TIMEOUT = 3,
+    INVL_MAGIC = 4,
+};
+
+enum sizes {
+    _1K = 1024,
+    _1M = 1048576,
+};
+
+// Package bytes per transfer packet, announced to the client as payload_max.
+inline constexpr uint32_t PAYLOAD_SIZE = PROTO_PAYLOAD_MAX;
+inline constexpr uint64_t MAX_UPDATE_PKG_SIZE = 600ull * _1M;
+// g_pkg_name: at most 99 characters and the terminator.
+inline constexpr size_t PKG_NAME_SIZE = 100;
+
+inline constexpr size_t SWU_DATAGRAM_BUFF_SIZE = PROTO_DATAGRAM_MAX;
+inline constexpr int SWU_RCVBUF_SIZE = 2097152;
+inline constexpr int SWU_POLL_TIMEOUT_MS = 500;
+// Received datagrams waiting for the state machine beyond which more are dropped.
+inline constexpr int SWU_RX_QUEUE_MAX = 8192;
+inline constexpr struct timespec SWU_QUEUE_WAIT = {1, 0};
+inline constexpr time_t SWU_SESSION_TIMEOUT_S = 5;
+inline constexpr time_t SWU_ERROR_TIMEOUT_S = 10;
+inline constexpr uint64_t SWU_FINISH_TIMEOUT_S = 30;
+
+// One datagram in a queue: one heap block of sizeof(msg_t) + buffer_size,
+// released with one free() by whoever holds it last.
+struct msg {
+    ilist_node_t node;              // first: a queue node is the record
+    struct sockaddr_in client_addr; // sender, or destination (network order)
+    uint32_t buffer_size;
+    char buffer[];
+};
+using msg_t = msg;
+
+// The argument of each service thread, which returns it as its result.
+struct thread_desc {
+    pthread_t thread_id; // 0 while the thread is not running
+    udp_sock_t *sock;
+    ilq_desc_t *msg_q;
+};
+using thread_desc_t = thread_desc;
+
+// The service context, one per process, reached by the handlers through
+// fsm_get_data.
+struct swu_data {
+    udp_sock_t sock[SOCK_COUNT];
+    ilq_desc_t msg_q[MSG_Q_COUNT];
+    pthread_t instatll_thrd_fd; // 0 until a package check is started
+    pthread_attr_t thrd_attr;   // joinable except around the installation thread's creation
+    stopwatch_t timer;          // client inactivity
+    void *curr_state_data;      // unused, null
+    char *pkg_file;             // mapping of the package being received, or null
+    fsm_t sm;
+};
+using swu_data_t = swu_data;
+
+// Set once the state machine has ended; every service thread then leaves.
+extern std::atomic<int> g_to_exit;
+// Update-mode reason bits (1 update requested, 2 error boot, 4 keep the
+// microcontroller's firmware).
+extern std::atomic<long> g_swu_reson;
+// Simulated failures, switched on by the command line, each used once.
+extern int g_set_stream_failure;
+extern int g_invalid_pkg_name;
+extern int g_invalid_pkg_name_len;
+extern int g_invalid_pkg_size;
+extern int g_malloc_failure;
+
+// Parses the command line ("R:SFLZM"). Unknown options and a missing -R value
+// print the usage text and end the process with status 1. A reason given with
+// -R replaces the one swu_init reads from the registers.
+void swu_parse_options(int argc, char **argv);
+
+// Builds the context: reason bits, sockets (the protocol socket bound to
+// PROTO_SWU_PORT), thread attributes, queues, state machine in idle,
+// stopwatch. A failure ends the process with errno as status.
+void swu_init(swu_data_t *swu_data);
+
+// The part of swu_init that needs no socket: thread attributes (pthread's
+// result is returned), both queues with `q_wait`, the state machine in idle
+// and the 5-second stopwatch. Lets tests build a context without the network.
+int swu_init_context(swu_data_t *swu_data, const struct timespec *q_wait);
+
+// Frees what is still queued, destroys the queues, shuts down and closes both
+// sockets, destroys the thread attributes. Returns 0.
+int swu_cleanup(swu_data_t *swu_data);
+
+// Creates the advertisement, receive and transmit threads in that order.
+// 0; or, when one cannot be created, the error number after the threads
+// already started have been stopped again.
+int swu_start_threads(swu_data_t *swu_data, thread_desc_t *adv, thread_desc_t *rx,
+                      thread_desc_t *tx);
+
+// Waits up to a second for the transmit thread to send everything queued (the
+// last answer to the client must leave), sets g_to_exit, releases both queues
+// and joins the receive, transmit and advertisement threads that are running.
+void swu_stop_threads(swu_data_t *swu_data, thread_desc_t *adv, thread_desc_t *rx,
+                      thread_desc_t *tx);
+
+// The threads; `arg` is a thread_desc_t *, which each returns.
+void *rx_thrd_proc(void *arg);
+void *tx_thrd_proc(void *arg);
+// The advertisement goes to PROTO_ADV_GROUP:PROTO_ADV_PORT every 3 seconds;
+// returns null.
+void *self_adv_thrd_proc(void *arg);
+
+// Fills the advertisement's fixed part: opcode, ports, installed version (from
+// the card's version file), factory version (reason bit 4 only), conf_ver,
+// terminal type and identity (from configuration block 0). The connection
+// status and sequence number are set per cycle by the thread.
+void self_adv_build(self_adv_t *adv);
+
+void buff_to_msg(msg_t *msg, char *buff, uint32_t size, struct sockaddr_in *client_addr);
+void msg_to_buff(msg_t *msg, char *buff, uint32_t size, struct sockaddr_in *client_addr);
+
+// A message with room for `buffer_size` bytes and a zero address, or null.
+msg_t *msg_alloc(uint32_t buffer_size);
+// The next received message of `q` (waiting up to the queue's wait), or null.
+msg_t *msg_dequeue(ilq_desc_t *q);
+// Hands `msg` to the transmit queue `q`.
+void msg_send(ilq_desc_t *q, msg_t *msg);
+// Dequeues and frees everything queued on `q`.
+void msg_q_drain(ilq_desc_t *q);
+// The datagram's opcode, or -1 when it is shorter than a header.
+int msg_opcode(const msg_t *msg);
+
+// --- Connection and status ---------------------------------------------------
+
+// The connected client: IP and uma_rx_port (network order); all zero when none.
+extern struct sockaddr_in g_connected_client_addr;
+// Its uma_stream_port in network order; 0 when none.
+extern uint16_t g_connected_client_stream_port;
+
+// 0 when the request may connect (app_id not 0), 1 otherwise. Logs it.
+int validate_connection_request(conection_request_t *con_req);
+// SM_EVNT_INT_CONNECTED when the connection is confirmed, else SM_EVNT_NO_EVENT.
+uint8_t do_connect(ilq_desc_t *q, msg_t *message, stopwatch_t *timer);
+// SM_EVNT_EXT_CONNECTION_REQ after refusing a second client.
+uint8_t do_already_connected(ilq_desc_t *q, msg_t *message);
+// SM_EVNT_EXT_STATUS_REQ when answered, SM_EVNT_NO_EVENT for another sender,
+// SM_EVNT_INT_ERROR without memory.
+uint8_t do_status_request(ilq_desc_t *q, msg_t *message, stopwatch_t *timer);
+// Ends the session: drops the package being received, forgets the client,
+// clears the connection flag, signals the installation thread once; *event =
+// SM_EVNT_INT_TIMEOUT.
+void on_timeout(swu_data_t *swu_data, uint8_t *event);
+// Closes and deletes the package file being received; unlink's result.
+int cleanup_pkg_file();
+
+// --- Package stream ------------------------------------------------------------
+
+extern char g_pkg_name[PKG_NAME_SIZE];
+extern int g_pkg_fd; // 0 when no package file is open
+extern uint32_t g_pkg_size;
+extern uint32_t g_expected_n_pkts;
+extern uint64_t g_pkt_counter;
+// The segment number the next in-order packet carries.
+extern uint64_t seg_sequential_counter;
+
+uint8_t do_stream_request(ilq_desc_t *q, msg_t *request);
+// 0 when the request is acceptable and its file is created and reserved; -1
+// with the status code set otherwise. `buf_size` is the datagram's length.
+int do_stream_request_validation(file_transfer_request_t *ftr, ssize_t buf_size);
+// 1 when all `len` characters are letters, digits, '.', '_' or '-'.
+int is_string(char *str, uint32_t len);
+uint32_t calc_num_pckts(uint32_t pkg_size);
+uint8_t do_transfer(ilq_desc_t *q, msg_t *request, uint64_t *pkt_counter, char **pkg_file);
+uint8_t do_stream_end(ilq_desc_t *q, uint64_t *pkt_counter, char **pkg_file);
+// Unmaps *pkg_file when mapped, and closes and deletes a package file that is
+// still open: what an unfinished stream leaves behind.
+void release_pkg_file(char **pkg_file);
+
+// --- Verification, upgrade, error, finish -------------------------------------------------
+
+// Monotonic second of the finish state's first call; 0 when not running.
+extern uint64_t finish_state_start_time;
+// Non-zero while an installation thread started by this process runs.
+extern std::atomic<int> g_install_thrd_alive;
+
+uint8_t do_error_received(ilq_desc_t *q, msg_t *message);
+uint8_t do_terminal_reboot_request(ilq_desc_t *q, msg_t *message);

@@ -1,0 +1,352 @@
+#include "pack.h"
+
+#include "swu/pkg_footer.h"
+
+#include <archive.h>
+#include <archive_entry.h>
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <fcntl.h>
+#include <memory>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace
+{
+
+// The terminal keeps an artifact's name with its terminator in 128 bytes.
+constexpr size_t MAX_NAME_LEN = 127;
+
+struct fd_guard {
+    int fd;
+    explicit fd_guard(int f) : fd(f) {}
+    ~fd_guard()
+    {
+        if (fd >= 0)
+            close(fd);
+    }
+    fd_guard(const fd_guard &) = delete;
+    fd_guard &operator=(const fd_guard &) = delete;
+};
+
+struct archive_out {
+    int fd;
+    uint64_t written;
+    uint64_t limit; // payload bytes allowed
+};
+
+la_ssize_t write_out(struct archive *a, void *client, const void *buf, size_t len)
+{
+    auto *out = static_cast<archive_out *>(client);
+    if (out->written + len > out->limit) {
+        // libarchive's own formatter knows no long long.
+        std::string text =
+            "the package would exceed " + std::to_string(out->limit + PKG_FOOTER_SIZE) + " bytes";
+        archive_set_error(a, EFBIG, "%s", text.c_str());
+        return -1;
+    }
+    const auto *p = static_cast<const uint8_t *>(buf);
+    size_t done = 0;
+    while (done < len) {
+        ssize_t n = write(out->fd, p + done, len - done);
+        if (n < 0 && errno == EINTR)
+            continue;
+        if (n <= 0) {
+            archive_set_error(a, errno, "write failed: %s", strerror(errno));
+            return -1;
+        }
+        done += static_cast<size_t>(n);
+    }
+    out->written += len;
+    return static_cast<la_ssize_t>(len);
+}
+
+struct archive_in {
+    int fd;
+    uint64_t left; // payload bytes still to hand out
+    uint8_t buf[65536];
+};
+
+la_ssize_t read_in(struct archive *a, void *client, const void **buf)
+{
+    auto *in = static_cast<archive_in *>(client);
+    size_t want = in->left < sizeof in->buf ? static_cast<size_t>(in->left) : sizeof in->buf;
+    ssize_t n;
+    do {
+        n = read(in->fd, in->buf, want);
+    } while (n < 0 && errno == EINTR);
+    if (n < 0) {
+        archive_set_error(a, errno, "read failed: %s", strerror(errno));
+        return -1;
+    }
+    in->left -= static_cast<uint64_t>(n);
+    *buf = in->buf;
+    return n;
+}
+
+using archive_ptr = std::unique_ptr<struct archive, int (*)(struct archive *)>;
+using entry_ptr = std::unique_ptr<struct archive_entry, void (*)(struct archive_entry *)>;
+
+int add_member(struct archive *a, const pack_member &m, std::string *err)
+{
+    entry_ptr entry(archive_entry_new(), archive_entry_free);
+    archive_entry_set_pathname(entry.get(), m.name.c_str());
+    archive_entry_set_uid(entry.get(), 0);
+    archive_entry_set_gid(entry.get(), 0);
+    archive_entry_set_uname(entry.get(), "root");
+    archive_entry_set_gname(entry.get(), "root");
+
+    int src_fd = -1;
+    switch (m.kind) {
+    case PACK_FILE:
+        archive_entry_set_filetype(entry.get(), AE_IFREG);
+        archive_entry_set_perm(entry.get(), 0644);
+        if (m.source.empty()) {
+            archive_entry_set_size(entry.get(), static_cast<la_int64_t>(m.data.size()));
+        } else {
+            src_fd = open(m.source.c_str(), O_RDONLY | O_CLOEXEC);
+            struct stat st;
+            if (src_fd < 0 || fstat(src_fd, &st) != 0) {
+                *err = "cannot read '" + m.source + "': " + strerror(errno);
+                if (src_fd >= 0)
+                    close(src_fd);
+                return -1;
+            }
+            archive_entry_set_size(entry.get(), st.st_size);
+            archive_entry_set_mtime(entry.get(), st.st_mtime, 0);
+        }
+        break;
+    case PACK_DIR:
+        archive_entry_set_filetype(entry.get(), AE_IFDIR);
+        archive_entry_set_perm(entry.get(), 0755);
+        break;
+    case PACK_SYMLINK:
+        archive_entry_set_filetype(entry.get(), AE_IFLNK);
+        archive_entry_set_perm(entry.get(), 0777);
+        archive_entry_set_symlink(entry.get(), m.link.c_str());
+        break;
+    case PACK_HARDLINK:
+        archive_entry_set_filetype(entry.get(), AE_IFREG);
+        archive_entry_set_perm(entry.get(), 0644);
+        archive_entry_set_hardlink(entry.get(), m.link.c_str());
+        break;
+    }
+    fd_guard src(src_fd);
+
+    if (archive_write_header(a, entry.get()) != ARCHIVE_OK) {
+        *err = archive_error_string(a);
+        return -1;
+    }
+    if (m.kind != PACK_FILE)
+        return 0;
+    if (src.fd < 0) {
+        if (!m.data.empty() && archive_write_data(a, m.data.data(), m.data.size()) < 0) {
+            *err = archive_error_string(a);
+            return -1;
+        }
+        return 0;
+    }
+    static thread_local uint8_t chunk[65536];
+    for (;;) {
+        ssize_t n = read(src.fd, chunk, sizeof chunk);
+        if (n < 0 && errno == EINTR)
+            continue;
+        if (n < 0) {
+            *err = "cannot read '" + m.source + "': " + strerror(errno);
+            return -1;
+        }
+        if (n == 0)
+            return 0;
+        if (archive_write_data(a, chunk, static_cast<size_t>(n)) < 0) {
+            *err = archive_error_string(a);
+            return -1;
+        }
+    }
+}
+
+int write_package(int fd, const std::vector<pack_member> &members, uint32_t bitmask,
+                  uint64_t max_size, std::string *err)
+{
+    if (max_size < PKG_FOOTER_SIZE) {
+        *err = "no room for the footer";
+        return -1;
+    }
+    archive_out out = {fd, 0, max_size - PKG_FOOTER_SIZE};
+    archive_ptr a(archive_write_new(), archive_write_free);
+    // pax only where ustar can't hold a name; the gzip stream must end the
+    // payload exactly, so the last block is not padded.
+    if (archive_write_set_format_pax_restricted(a.get()) != ARCHIVE_OK ||
+        archive_write_add_filter_gzip(a.get()) != ARCHIVE_OK ||
+        archive_write_set_bytes_in_last_block(a.get(), 1) != ARCHIVE_OK ||
+        archive_write_open(a.get(), &out, nullptr, write_out, nullptr) != ARCHIVE_OK) {
+        *err = archive_error_string(a.get());
+        return -1;
+    }
+    for (const pack_member &m : members)
+        if (add_member(a.get(), m, err) != 0)
+            return -1;
+    if (archive_write_close(a.get()) != ARCHIVE_OK) {
+        *err = archive_error_string(a.get());
+        return -1;
+    }
+
+    pkg_metadata_t meta = {bitmask, 0, PKG_CRC_START};
+    if (lseek(fd, 0, SEEK_SET) != 0 || pkg_crc_fd(fd, out.written, &meta.crc) != 0) {
+        *err = std::string("cannot read the archive back: ") + strerror(errno);
+        return -1;
+    }
+    uint8_t footer[PKG_FOOTER_SIZE];
+    pkg_footer_encode(&meta, footer);
+    if (pwrite(fd, footer, sizeof footer, static_cast<off_t>(out.written)) !=
+        static_cast<ssize_t>(sizeof footer)) {
+        *err = std::string("cannot write the footer: ") + strerror(errno);
+        return -1;
+    }
+    return 0;
+}
+
+const char *kind_name(pack_kind kind)
+{
+    switch (kind) {
+    case PACK_FILE:
+        return "file";
+    case PACK_DIR:
+        return "directory";
+    case PACK_SYMLINK:
+        return "symbolic link";
+    case PACK_HARDLINK:
+        return "hard link";
+    }
+    return "?";
+}
+
+} // namespace
+
+std::string pack_name_problem(const std::string &name)
+{
+    if (name.empty() || name == "." || name == "..")
+        return "'" + name + "' is not a file name";
+    if (name.size() > MAX_NAME_LEN)
+        return "the name has " + std::to_string(name.size()) +
+               " bytes; the terminal takes at most " + std::to_string(MAX_NAME_LEN);
+    for (unsigned char c : name) {
+        if (c < 0x20 || c == 0x7F)
+            return "the name holds a control character, which the card's FAT file system can't "
+                   "hold";
+        if (c >= 0x80)
+            return "the name holds a non-ASCII byte; the card is mounted without a character set, "
+                   "so it would not keep the name as given";
+        if (strchr("\"*/:<>?\\|", c) != nullptr)
+            return std::string("the name holds '") + static_cast<char>(c) +
+                   "', which the card's FAT file system can't hold";
+    }
+    if (name.back() == '.' || name.back() == ' ')
+        return "the card's FAT file system drops a trailing dot or blank from a name";
+    return "";
+}
+
+int pack_write(const std::string &out_path, const std::vector<pack_member> &members,
+               uint32_t bitmask, uint64_t max_size, std::string *err)
+{
+    int fd = open(out_path.c_str(), O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+    if (fd < 0) {
+        *err = "cannot create '" + out_path + "': " + strerror(errno);
+        return -1;
+    }
+    int result = write_package(fd, members, bitmask, max_size, err);
+    if (close(fd) != 0 && result == 0) {
+        *err = "cannot write '" + out_path + "': " + strerror(errno);
+        result = -1;
+    }
+    if (result != 0)
+        unlink(out_path.c_str());
+    return result;
+}
+
+int pack_verify(const std::string &path, pack_report *report, std::string *err)
+{
+    *report = pack_report{};
+    int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    if (fd < 0) {
+        *err = "cannot open '" + path + "': " + strerror(errno);
+        return -1;
+    }
+    fd_guard guard(fd);
+    struct stat st;
+    if (fstat(fd, &st) != 0) {
+        *err = "cannot examine '" + path + "': " + strerror(errno);
+        return -1;
+    }
+    report->package_size = static_cast<uint64_t>(st.st_size);
+    if (report->package_size < PKG_FOOTER_SIZE) {
+        *err =
+            "the file has " + std::to_string(st.st_size) + " bytes, too few for the 12-byte footer";
+        return -1;
+    }
+    uint64_t payload = report->package_size - PKG_FOOTER_SIZE;
+    uint8_t footer[PKG_FOOTER_SIZE];
+    if (pread(fd, footer, sizeof footer, static_cast<off_t>(payload)) !=
+        static_cast<ssize_t>(sizeof footer)) {
+        *err = "cannot read the footer";
+        return -1;
+    }
+    pkg_metadata_t meta;
+    pkg_footer_decode(footer, &meta);
+    report->artifacts_bitmask = meta.artifacts_bitmask;
+    report->footer_crc = meta.crc;
+    report->payload_crc = PKG_CRC_START;
+    if (pkg_crc_fd(fd, payload, &report->payload_crc) != 0) {
+        *err = std::string("cannot read the payload: ") + strerror(errno);
+        return -1;
+    }
+
+    // The terminal unpacks with "tar -xzf": only gzip-compressed tar counts.
+    if (lseek(fd, 0, SEEK_SET) != 0) {
+        *err = std::string("cannot read the payload: ") + strerror(errno);
+        return -1;
+    }
+    auto in = std::make_unique<archive_in>();
+    in->fd = fd;
+    in->left = payload;
+    archive_ptr a(archive_read_new(), archive_read_free);
+    archive_read_support_filter_gzip(a.get());
+    archive_read_support_format_tar(a.get());
+    int r = archive_read_open(a.get(), in.get(), nullptr, read_in, nullptr);
+    struct archive_entry *entry;
+    while (r == ARCHIVE_OK && (r = archive_read_next_header(a.get(), &entry)) == ARCHIVE_OK) {
+        pack_kind kind = PACK_FILE;
+        if (archive_entry_hardlink(entry) != nullptr)
+            kind = PACK_HARDLINK;
+        else if (archive_entry_filetype(entry) == AE_IFDIR)
+            kind = PACK_DIR;
+        else if (archive_entry_filetype(entry) == AE_IFLNK)
+            kind = PACK_SYMLINK;
+        report->members.push_back({archive_entry_pathname(entry), kind, archive_entry_size(entry)});
+        if (archive_read_data_skip(a.get()) != ARCHIVE_OK)
+            break;
+    }
+    std::string problems;
+    if (report->payload_crc != report->footer_crc) {
+        char text[128];
+        snprintf(text, sizeof text, "CRC mismatch: the footer says %u, the payload gives %u",
+                 report->footer_crc, report->payload_crc);
+        problems = text;
+    }
+    if (r != ARCHIVE_EOF || archive_filter_code(a.get(), 0) != ARCHIVE_FILTER_GZIP) {
+        const char *why = archive_error_string(a.get());
+        problems += std::string(problems.empty() ? "" : "; ") +
+                    "the payload is not a complete gzip-compressed tar archive: " +
+                    (why != nullptr ? why : "not gzip");
+    }
+    if (!problems.empty()) {
+        *err = problems;
+        return -1;
+    }
+    return 0;
+}
+
+const char *pack_kind_name(pack_kind kind)
+{
+    return kind_name(kind);
+}

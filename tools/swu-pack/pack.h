@@ -1,0 +1,59 @@
+// Building and checking update packages: a gzip-compressed tar archive
+// followed by the 12-byte footer the terminal checks (see swu/pkg_footer.h).
+//
+// pack_write writes whatever members it is given, so tests can also build
+// archives the terminal must refuse; the swu-pack tool admits only members
+// that pass pack_check_name and are regular files.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+enum pack_kind {
+    PACK_FILE,     // regular file: `source` on disk, or `data` when `source` is empty
+    PACK_DIR,      // directory
+    PACK_SYMLINK,  // symbolic link to `link`
+    PACK_HARDLINK, // hard link to the member named `link`
+};
+
+struct pack_member {
+    std::string name; // name in the archive, as given
+    pack_kind kind = PACK_FILE;
+    std::string source;
+    std::string data;
+    std::string link;
+};
+
+struct pack_listed {
+    std::string name;
+    pack_kind kind;
+    int64_t size;
+};
+
+struct pack_report {
+    uint32_t artifacts_bitmask = 0;
+    uint32_t footer_crc = 0;
+    uint32_t payload_crc = 0;
+    uint64_t package_size = 0;
+    std::vector<pack_listed> members;
+};
+
+// Why the terminal could not install an artifact of this name, or "" when it
+// can: the name must fit the terminal's 128-byte name field with its
+// terminator, and the card's FAT file system must be able to hold it as is.
+std::string pack_name_problem(const std::string &name);
+
+// "file", "directory", "symbolic link" or "hard link".
+const char *pack_kind_name(pack_kind kind);
+
+// Writes the archive of `members` and its footer to `out_path`. Fails, with
+// the reason in *err and no file left behind, when a source can't be read, or
+// when the package would exceed `max_size` bytes. 0 or -1.
+int pack_write(const std::string &out_path, const std::vector<pack_member> &members,
+               uint32_t bitmask, uint64_t max_size, std::string *err);
+
+// Checks the footer CRC of the package at `path` without changing it and lists
+// the archive's members. 0 when the CRC matches and the archive reads to its
+// end; -1 with the reason in *err otherwise (*report holds what was found).
+int pack_verify(const std::string &path, pack_report *report, std::string *err);
