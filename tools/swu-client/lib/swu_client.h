@@ -1,0 +1,231 @@
+// The client side of the terminal's update protocol, for the technician's
+// tool, the integration tests and the transfer benchmark.
+//
+// A client finds a terminal by its multicast advertisement, connects to its
+// protocol port from two UDP sockets of its own and announces both ports in
+// the connection request: the terminal answers connection, status, restart
+// and reboot requests to the rx socket, and the stream request, the packet
+// acknowledgements and the stream end to the stream socket. The session stays
+// alive only while the terminal answers a status request at least every
+// 5 seconds; every long operation here asks for status on its own at least
+// every `keepalive_ms`.
+//
+// Results follow the system's convention: 0 on success, -1 on failure (errno
+// ETIMEDOUT when the terminal did not answer in time). Nothing here prints.
+#pragma once
+
+#include "swu/protocol.h"
+
+#include <cstddef>
+#include <cstdint>
+#include <functional>
+#include <netinet/in.h>
+#include <string>
+#include <sys/types.h>
+
+// Stage codes of the status report (the terminal's state machine states).
+enum swuc_stage : uint8_t {
+    SWUC_STAGE_IDLE = 0,
+    SWUC_STAGE_CONNECT = 1,
+    SWUC_STAGE_STREAM = 2,
+    SWUC_STAGE_VERIFY = 3,
+    SWUC_STAGE_UPGRADE = 4,
+    SWUC_STAGE_ERROR = 5,
+    SWUC_STAGE_FINISH = 6,
+};
+
+// Status codes of the report (outcome of the terminal's last operation).
+enum swuc_status_code : uint8_t {
+    SWUC_STT_OK = 0,
+    SWUC_STT_INVALID_STREAM_REQ = 1,
+    SWUC_STT_MISSING_PACKETS = 2,
+    SWUC_STT_NO_MEMORY = 3,
+    SWUC_STT_FS_FAILURE = 4,
+};
+
+// Longest the terminal keeps a silent session; the client asks well before.
+inline constexpr int SWUC_SESSION_TIMEOUT_MS = 5000;
+inline constexpr int SWUC_DEFAULT_KEEPALIVE_MS = 2000;
+
+// ---------------------------------------------------------------- discovery
+
+struct swuc_advert {
+    self_adv_t adv;
+    sockaddr_in sender; // where the advertisement came from
+};
+
+// Listens for advertisements on the multicast group.
+struct swuc_listener {
+    int fd = -1;
+};
+
+// Joins the advertisement group on the interface of `interface_addr`
+// (network order; INADDR_ANY lets the system choose). 0 or -1.
+int swuc_listen_open(swuc_listener *listener, in_addr_t interface_addr);
+// Waits at most `timeout_ms` for the next well-formed advertisement. 0 with
+// *out filled, or -1 (errno ETIMEDOUT when none came).
+int swuc_listen_next(swuc_listener *listener, swuc_advert *out, int timeout_ms);
+void swuc_listen_close(swuc_listener *listener);
+
+// The terminal's identity text of an advertisement (at most 32 bytes, the
+// advertised length bounded by the field).
+std::string swuc_advert_id(const self_adv_t &adv);
+// Where to send requests: the advertisement's sender address at its rx_port.
+sockaddr_in swuc_advert_terminal(const swuc_advert &advert);
+
+// ------------------------------------------------------------------ status
+
+// One status report, decoded.
+struct swuc_status {
+    unsigned battery_status = 0;
+    unsigned status_code = 0;
+    std::string status_message;
+    unsigned stage_code = 0;
+    std::string stage_description;
+    unsigned stage_progress = 0;
+    unsigned stage_complete = 0;
+    std::string text; // the report as received
+};
+
+// Decodes the report text (`len` bytes, no terminator needed). 0, or -1 when
+// it is not a JSON object holding every field with its type.
+int swuc_parse_status(const char *text, size_t len, swuc_status *out);
+
+// ----------------------------------------------------------------- session
+
+struct swuc_config {
+    sockaddr_in terminal = {};         // address and protocol port of the terminal
+    in_addr_t local_addr = INADDR_ANY; // local address of both sockets (network order)
+    uint16_t rx_port = 0;              // 0: an ephemeral port
+    uint16_t stream_port = 0;          // 0: an ephemeral port
+    uint8_t app_id = 1;                // the terminal refuses 0
+    uint8_t session_id[8] = {};
+    std::string umd_id;          // the client's identifier, only logged by the terminal
+    int reply_timeout_ms = 1000; // how long one request waits for its answer
+    int status_tries = 3;        // status requests sent before giving up
+    int keepalive_ms = SWUC_DEFAULT_KEEPALIVE_MS;
+};
+
+enum swuc_channel {
+    SWUC_RX = 0,     // connection, status, restart and reboot responses
+    SWUC_STREAM = 1, // stream response, acknowledgements, stream end response
+};
+
+struct swuc_session {
+    swuc_config cfg;
+    int fd[2] = {-1, -1};       // indexed by swuc_channel
+    uint16_t port[2] = {};      // bound ports, host order
+    uint16_t seq = 0;           // the client's own sequence counter
+    int64_t last_status_ms = 0; // when the terminal last answered a status request
+    int64_t status_sent_ms = 0; // when the last status request went out
+    swuc_status last_status;    // the latest report received
+    uint64_t status_reports = 0;
+
+    swuc_session() = default;
+    ~swuc_session();
+    swuc_session(const swuc_session &) = delete;
+    swuc_session &operator=(const swuc_session &) = delete;
+};
+
+// Opens and binds the two sockets. 0 or -1 (nothing left open).
+int swuc_open(swuc_session *s, const swuc_config *cfg);
+void swuc_close(swuc_session *s);
+
+// Sends one connection request and waits for the response. 0 with *rsp
+// filled, whatever its status (confirmed, already connected, battery too
+// low); -1 when none came. Never retried: a second request during a session
+// is answered "already connected".
+int swuc_connect(swuc_session *s, conection_response_t *rsp);
+
+// Asks for status until the terminal answers (cfg.status_tries requests).
+// 0 with *out filled (also kept in s->last_status), or -1.
+int swuc_get_status(swuc_session *s, swuc_status *out);
+
+// Asks to stream a package of `size` bytes under `name`. 0 with *rsp filled;
+// -1 when the terminal did not answer, which is how it refuses: the status
+// report then says why.
+int swuc_stream_request(swuc_session *s, const char *name, uint64_t size,
+                        file_transfer_response_t *rsp);
+
+struct swuc_stream_opts {
+    uint32_t window = 16;            // packets in flight; 1 is stop-and-wait
+    int ack_timeout_ms = 300;        // go back to the oldest unacknowledged packet
+                                     // after this long without progress
+    int first_ack_timeout_ms = 3000; // see swuc_stream_data
+    int max_timeouts = 10;           // consecutive time-outs before giving up
+};
+
+struct swuc_progress {
+    uint64_t total_bytes = 0;
+    uint64_t acked_bytes = 0;
+    uint64_t total_packets = 0;
+    uint64_t acked_packets = 0;
+    uint64_t sent_packets = 0; // retransmissions included
+    uint64_t retransmitted = 0;
+    uint32_t timeouts = 0;
+};
+using swuc_progress_fn = std::function<void(const swuc_progress &)>;
+
+// Streams `size` bytes as packets of PROTO_PAYLOAD_MAX, segment 1 first, with
+// go-back-N retransmission, asking for status on the way. The terminal takes
+// a repeated segment 1 for a restart of the stream and counts it again, so
+// segment 1 travels alone and is sent again only after
+// `first_ack_timeout_ms` of silence. `on_progress` (may be empty) is called
+// as acknowledgements arrive, at most every 100 ms and once at the end. 0
+// when every packet was acknowledged, or -1 (*progress tells how far it got).
+int swuc_stream_data(swuc_session *s, const uint8_t *data, uint64_t size,
+                     const swuc_stream_opts *opts, const swuc_progress_fn &on_progress,
+                     swuc_progress *progress);
+
+// Closes the stream. 0 when the terminal confirmed it complete; -1 when it
+// did not answer (an incomplete stream: the status report says why).
+int swuc_stream_end(swuc_session *s);
+
+// Stream request, data and stream end for the file at `path`, announced as
+// `name`. 0 or -1; *progress (may be null) receives the transfer's figures.
+int swuc_send_file(swuc_session *s, const char *path, const char *name,
+                   const swuc_stream_opts *opts, const swuc_progress_fn &on_progress,
+                   swuc_progress *progress);
+
+struct swuc_follow_opts {
+    int poll_ms = 500;       // status interval while waiting
+    int timeout_ms = 600000; // longest wait for the installation's end
+};
+
+// Follows verification and installation through status reports until the
+// terminal reaches its finish stage (0) or reports an error or a lost session
+// (-1). `on_status` (may be empty) sees every report; *last (may be null)
+// receives the final one.
+int swuc_follow_install(swuc_session *s, const swuc_follow_opts *opts,
+                        const std::function<void(const swuc_status &)> &on_status,
+                        swuc_status *last);
+
+// Asks the finished terminal to reboot. 0 when it confirmed, or -1.
+int swuc_reboot(swuc_session *s);
+// Acknowledges the terminal's error. 0 when it confirmed the restart of the
+// update procedure, or -1.
+int swuc_ack_error(swuc_session *s);
+
+// --------------------------------------------------------------- raw access
+
+// The next value of the client's sequence counter.
+uint16_t swuc_next_seq(swuc_session *s);
+// Sends `len` bytes to the terminal from the socket of `from`. 0 or -1.
+int swuc_send(swuc_session *s, swuc_channel from, const uint8_t *buf, size_t len);
+// A header-only request (status, stream end, error acknowledgement, reboot).
+int swuc_send_header(swuc_session *s, swuc_channel from, uint8_t opcode);
+// One packet transfer from the stream socket.
+int swuc_send_packet(swuc_session *s, uint64_t seg_number, uint64_t seg_count,
+                     const uint8_t *payload, size_t payload_len);
+// Receives one datagram on `ch`, waiting at most `timeout_ms`. Its length, or
+// -1 (errno ETIMEDOUT when nothing came). `from` may be null.
+ssize_t swuc_recv(swuc_session *s, swuc_channel ch, uint8_t *buf, size_t cap, int timeout_ms,
+                  sockaddr_in *from = nullptr);
+// Receives on `ch` until a datagram with `opcode` arrives, for at most
+// `timeout_ms`; others are dropped, except status reports, which are kept as
+// s->last_status. Its length, or -1.
+ssize_t swuc_await(swuc_session *s, swuc_channel ch, uint8_t opcode, uint8_t *buf, size_t cap,
+                   int timeout_ms);
+
+// Milliseconds of the monotonic clock.
+int64_t swuc_now_ms();
