@@ -1,0 +1,43 @@
+# Installation and packages.
+#
+# Terminal build: `cmake --install` puts swu and st_control in sbin (their own
+# install rules) and the init script S90swu in /etc/init.d; stage it for the
+# root file system with DESTDIR.
+#
+# Host build: the technician's tools (swu-client, swu-pack, stm32-sim) form the
+# install component "host_tools", which `cpack -G DEB` packs as a .deb for a
+# laptop.
+if(SWU_PLATFORM STREQUAL "terminal")
+  # The terminal's root file system keeps its programs under /usr.
+  if(CMAKE_INSTALL_PREFIX_INITIALIZED_TO_DEFAULT)
+    set(CMAKE_INSTALL_PREFIX /usr CACHE PATH "Install prefix" FORCE)
+  endif()
+  set(SWU_SBINDIR ${CMAKE_INSTALL_PREFIX}/sbin)
+  configure_file(${PROJECT_SOURCE_DIR}/deploy/S90swu ${CMAKE_BINARY_DIR}/deploy/S90swu @ONLY)
+  # An absolute destination: init scripts live in /etc whatever the prefix.
+  install(PROGRAMS ${CMAKE_BINARY_DIR}/deploy/S90swu DESTINATION /etc/init.d)
+endif()
+
+foreach(tool IN ITEMS swu-pack stm32-sim)
+  if(TARGET ${tool})
+    install(TARGETS ${tool} RUNTIME DESTINATION bin COMPONENT host_tools)
+  endif()
+endforeach()
+
+if(SWU_PLATFORM STREQUAL "host" AND TARGET swu-client)
+  set(CPACK_PACKAGE_NAME "swu-host-tools")
+  set(CPACK_PACKAGE_VENDOR "swu")
+  set(CPACK_PACKAGE_VERSION ${PROJECT_VERSION})
+  set(CPACK_PACKAGE_DESCRIPTION_SUMMARY
+      "Technician's tools for the terminal's update service: swu-client, swu-pack, stm32-sim")
+  set(CPACK_PACKAGE_CONTACT "swu maintainers <swu@localhost>")
+  set(CPACK_PACKAGING_INSTALL_PREFIX "/usr")
+  set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
+  set(CPACK_DEBIAN_PACKAGE_SECTION "utils")
+  set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
+  set(CPACK_STRIP_FILES ON)
+  # Only the host tools: the daemon's own install rules stay out of the package.
+  set(CPACK_INSTALL_CMAKE_PROJECTS "${CMAKE_BINARY_DIR};${PROJECT_NAME};host_tools;/")
+  set(CPACK_GENERATOR "DEB")
+  include(CPack)
+endif()

@@ -1,0 +1,515 @@
+#include "client_commands.h"
+
+#include "client_output.h"
+
+#include <arpa/inet.h>
+#include <atomic>
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <map>
+#include <mutex>
+#include <netdb.h>
+#include <thread>
+#include <unistd.h>
+
+namespace
+{
+
+using nlohmann::json;
+
+// ------------------------------------------------------------ addressing
+
+int resolve_local(const client_options &o, in_addr_t *addr)
+{
+    *addr = htonl(INADDR_ANY);
+    if (o.local_addr.empty())
+        return 0;
+    in_addr a;
+    if (inet_pton(AF_INET, o.local_addr.c_str(), &a) != 1)
+        return -1;
+    *addr = a.s_addr;
+    return 0;
+}
+
+// "HOST" or "HOST:PORT", PORT defaulting to the terminal's protocol port.
+int resolve_terminal(const std::string &host_port, sockaddr_in *out, std::string *err)
+{
+    std::string host = host_port;
+    uint16_t port = PROTO_SWU_PORT;
+    size_t colon = host_port.rfind(':');
+    if (colon != std::string::npos) {
+        host = host_port.substr(0, colon);
+        char *end = nullptr;
+        unsigned long p = strtoul(host_port.c_str() + colon + 1, &end, 10);
+        if (*end != '\0' || p == 0 || p > 65535) {
+            *err = "bad port in '" + host_port + "'";
+            return -1;
+        }
+        port = static_cast<uint16_t>(p);
+    }
+    addrinfo hints = {};
+    hints.ai_family = AF_INET;
+    hints.ai_socktype = SOCK_DGRAM;
+    addrinfo *res = nullptr;
+    int r = getaddrinfo(host.c_str(), nullptr, &hints, &res);
+    if (r != 0 || res == nullptr) {
+        *err = "cannot resolve '" + host + "': " + gai_strerror(r);
+        return -1;
+    }
+    *out = *reinterpret_cast<sockaddr_in *>(res->ai_addr);
+    out->sin_port = htons(port);
+    freeaddrinfo(res);
+    return 0;
+}
+
+std::string addr_text(const sockaddr_in &sa)
+{
+    char buf[INET_ADDRSTRLEN];
+    inet_ntop(AF_INET, &sa.sin_addr, buf, sizeof(buf));
+    return buf;
+}
+
+// ------------------------------------------------- the last session's ports
+
+// The terminal answers reboot, error and status requests only to the rx port
+// of the session it remembers, so a later command for the same terminal binds
+// that port again. Kept under $XDG_STATE_HOME (or ~/.local/state).
+std::filesystem::path ports_file(const sockaddr_in &terminal)
+{
+    std::filesystem::path dir;
+    if (const char *x = getenv("XDG_STATE_HOME"); x != nullptr && *x != '\0')
+        dir = x;
+    else if (const char *h = getenv("HOME"); h != nullptr && *h != '\0')
+        dir = std::filesystem::path(h) / ".local/state";
+    else
+        return {};
+    return dir / "swu-client" / ("session-" + addr_text(terminal));
+}
+
+void remember_ports(const sockaddr_in &terminal, uint16_t rx, uint16_t stream)
+{
+    std::filesystem::path f = ports_file(terminal);
+    if (f.empty())
+        return;
+    std::error_code ec;
+    std::filesystem::create_directories(f.parent_path(), ec);
+    std::ofstream(f) << rx << " " << stream << "\n";
+}
+
+bool recall_ports(const sockaddr_in &terminal, uint16_t *rx, uint16_t *stream)
+{
+    std::filesystem::path f = ports_file(terminal);
+    if (f.empty())
+        return false;
+    std::ifstream in(f);
+    unsigned a = 0, b = 0;
+    if (!(in >> a >> b) || a == 0 || a > 65535 || b > 65535)
+        return false;
+    *rx = static_cast<uint16_t>(a);
+    *stream = static_cast<uint16_t>(b);
+    return true;
+}
+
+// ------------------------------------------------------------- reporting
+
+std::string reason_text(unsigned bits)
+{
+    if (bits == 0)
+        return "none";
+    std::string t;
+    auto add = [&](const char *s) { t += (t.empty() ? "" : ", ") + std::string(s); };
+    if (bits & 1)
+        add("update requested");
+    if (bits & 2)
+        add("error boot");
+    if (bits & 4)
+        add("factory firmware kept");
+    return t;
+}
+
+void error_line(const std::string &host, const std::string &message)
+{
+    fprintf(stderr, "swu-client: %s: %s\n", host.c_str(), message.c_str());
+}
+
+int finish(const client_options &o, const std::string &host, json j, int code,
+           const std::string &message)
+{
+    if (o.json) {
+        j["terminal"] = host;
+        j["exit_code"] = code;
+        if (!message.empty())
+            j["message"] = message;
+        printf("%s\n", j.dump().c_str());
+    } else if (code != SWUC_EXIT_OK) {
+        error_line(host, message);
+    }
+    return code;
+}
+
+// ------------------------------------------------------------- sessions
+
+// Opens a session to `terminal` from the given ports; with `recall`, an
+// unset rx port becomes the last session's when that port is free.
+int open_session(swuc_session *s, const client_options &o, const sockaddr_in &terminal, bool recall,
+                 std::string *err)
+{
+    swuc_config cfg;
+    cfg.terminal = terminal;
+    cfg.reply_timeout_ms = o.reply_timeout_ms;
+    cfg.keepalive_ms = 1000;
+    cfg.umd_id = "swu-client";
+    if (resolve_local(o, &cfg.local_addr) != 0) {
+        *err = "bad local address '" + o.local_addr + "'";
+        return -1;
+    }
+    cfg.rx_port = o.rx_port;
+    cfg.stream_port = o.stream_port;
+    uint16_t rx = 0, stream = 0;
+    if (recall && o.rx_port == 0 && recall_ports(terminal, &rx, &stream)) {
+        swuc_config remembered = cfg;
+        remembered.rx_port = rx;
+        if (swuc_open(s, &remembered) == 0)
+            return 0;
+    }
+    if (swuc_open(s, &cfg) != 0) {
+        *err = std::string("cannot open the client's sockets: ") + strerror(errno);
+        return -1;
+    }
+    return 0;
+}
+
+// ------------------------------------------------------------- discovery
+
+std::vector<swuc_advert> listen_for(const client_options &o, double timeout_s, std::string *err)
+{
+    std::vector<swuc_advert> found;
+    in_addr_t local;
+    if (resolve_local(o, &local) != 0) {
+        *err = "bad local address '" + o.local_addr + "'";
+        return found;
+    }
+    swuc_listener l;
+    if (swuc_listen_open(&l, local) != 0) {
+        *err = std::string("cannot join the advertisement group: ") + strerror(errno);
+        return found;
+    }
+    std::map<std::string, swuc_advert> by_addr; // the latest of each terminal
+    const int64_t deadline = swuc_now_ms() + static_cast<int64_t>(timeout_s * 1000);
+    for (;;) {
+        int64_t left = deadline - swuc_now_ms();
+        if (left <= 0)
+            break;
+        swuc_advert a;
+        if (swuc_listen_next(&l, &a, static_cast<int>(left)) != 0)
+            break;
+        by_addr[addr_text(a.sender) + ":" + std::to_string(a.adv.rx_port)] = a;
+    }
+    swuc_listen_close(&l);
+    for (auto &[key, a] : by_addr)
+        found.push_back(a);
+    return found;
+}
+
+} // namespace
+
+int cmd_discover(const client_options &o, double timeout_s)
+{
+    std::string err;
+    std::vector<swuc_advert> found = listen_for(o, timeout_s, &err);
+    if (!err.empty()) {
+        fprintf(stderr, "swu-client: %s\n", err.c_str());
+        return SWUC_EXIT_LOCAL;
+    }
+    if (o.json) {
+        json list = json::array();
+        for (const auto &a : found)
+            list.push_back(advert_json(a));
+        printf("%s\n", list.dump().c_str());
+    } else if (found.empty()) {
+        printf("no terminal heard in %.0f s\n", timeout_s);
+    } else {
+        std::vector<std::vector<std::string>> rows = {
+            {"ADDRESS", "IDENTITY", "INSTALLED", "FACTORY", "CONFIG", "TYPE", "STATE"}};
+        for (const auto &a : found) {
+            json j = advert_json(a);
+            std::string addr = j["address"].get<std::string>();
+            if (a.adv.rx_port != PROTO_SWU_PORT)
+                addr += ":" + std::to_string(a.adv.rx_port);
+            rows.push_back({addr, j["identity"].get<std::string>(),
+                            j["installed_version"].get<std::string>(),
+                            j["factory_version"].get<std::string>(), std::to_string(a.adv.conf_ver),
+                            j["terminal_type"].get<std::string>(),
+                            a.adv.connection_status == SWU_CON_STATUS_AVAIL ? "free" : "busy"});
+        }
+        fputs(format_table(rows).c_str(), stdout);
+    }
+    return found.empty() ? SWUC_EXIT_NO_ANSWER : SWUC_EXIT_OK;
+}
+
+int cmd_status(const client_options &o, const std::string &host)
+{
+    sockaddr_in terminal;
+    std::string err;
+    if (resolve_terminal(host, &terminal, &err) != 0)
+        return finish(o, host, json::object(), SWUC_EXIT_USAGE, err);
+    swuc_session s;
+    if (open_session(&s, o, terminal, true, &err) != 0)
+        return finish(o, host, json::object(), SWUC_EXIT_LOCAL, err);
+
+    json j = json::object();
+    std::string connection;
+    bool connected = false;
+    for (int attempt = 0; attempt < 3 && !connected; attempt++) {
+        conection_response_t rsp;
+        if (swuc_connect(&s, &rsp) != 0)
+            continue;
+        j["connection_status"] = rsp.connection_status;
+        j["power_source"] = rsp.power_source == 0 ? "battery" : "external";
+        j["battery"] = rsp.bettery_status;
+        j["update_reason_bits"] = rsp.swu_mode_reason_bitfield;
+        if (rsp.connection_status == SWU_CON_RES_BATTERY_TOO_LOW)
+            return finish(o, host, j, SWUC_EXIT_BATTERY,
+                          "battery too low for an update (" + std::to_string(rsp.bettery_status) +
+                              " %)");
+        if (rsp.connection_status == SWU_CON_RES_CONNECTION_CONFIRMED) {
+            connected = true;
+            connection = std::string(rsp.power_source == 0 ? "battery" : "external power") +
+                         ", battery " + std::to_string(rsp.bettery_status) +
+                         " %, update reason: " + reason_text(rsp.swu_mode_reason_bitfield);
+            remember_ports(terminal, s.port[SWUC_RX], s.port[SWUC_STREAM]);
+        } else {
+            break; // busy: only its own client gets its status
+        }
+    }
+    // Unconfirmed, the terminal may still be ours (a running update from this
+    // machine, or one in its check, installation, error or finish state,
+    // which take no connection): it answers status to its client's port.
+    swuc_status st;
+    if (swuc_get_status(&s, &st) != 0) {
+        if (j.contains("connection_status"))
+            return finish(o, host, j, SWUC_EXIT_BUSY, "busy: another client is connected");
+        return finish(o, host, j, SWUC_EXIT_NO_ANSWER, "no answer");
+    }
+    if (o.json) {
+        j["status"] = status_json(st);
+        return finish(o, host, j, SWUC_EXIT_OK, "");
+    }
+    printf("terminal   %s:%u\n", addr_text(terminal).c_str(), ntohs(terminal.sin_port));
+    if (!connection.empty())
+        printf("connected  %s\n", connection.c_str());
+    printf("stage      %u  %s\n", st.stage_code, st.stage_description.c_str());
+    printf("status     %u  %s\n", st.status_code, st.status_message.c_str());
+    printf("progress   %u %%, stage %s\n", st.stage_progress,
+           st.stage_complete ? "complete" : "not complete");
+    printf("battery    %u %%\n", st.battery_status);
+    return SWUC_EXIT_OK;
+}
+
+namespace
+{
+
+update_params make_params(const client_options &o, const sockaddr_in &terminal,
+                          const std::string &package, const update_settings &u)
+{
+    update_params p;
+    p.terminal = terminal;
+    resolve_local(o, &p.local_addr);
+    p.rx_port = o.rx_port;
+    p.stream_port = o.stream_port;
+    p.package_path = package;
+    p.name = u.name.empty() ? std::filesystem::path(package).filename().string() : u.name;
+    p.window = u.window;
+    p.ack_timeout_ms = u.ack_timeout_ms;
+    p.reply_timeout_ms = o.reply_timeout_ms;
+    p.keepalive_ms = u.keepalive_ms;
+    p.retries = u.retries;
+    p.install_timeout_s = u.install_timeout_s;
+    p.reboot = u.reboot;
+    return p;
+}
+
+std::string summary(const update_outcome &out)
+{
+    const double rate = out.stream_seconds > 0
+                            ? static_cast<double>(out.progress.acked_bytes) / out.stream_seconds
+                            : 0;
+    return "updated in " + format_duration(out.total_seconds) + " (stream " +
+           format_bytes(static_cast<double>(out.progress.total_bytes)) + " at " +
+           format_bytes(rate) + "/s" +
+           (out.progress.retransmitted > 0
+                ? ", " + std::to_string(out.progress.retransmitted) + " packets resent"
+                : "") +
+           ")" + (out.reboot_confirmed ? ", rebooting" : "");
+}
+
+} // namespace
+
+int cmd_update(const client_options &o, const std::string &host, const std::string &package,
+               const update_settings &u)
+{
+    sockaddr_in terminal;
+    std::string err;
+    if (resolve_terminal(host, &terminal, &err) != 0)
+        return finish(o, host, json::object(), SWUC_EXIT_USAGE, err);
+    in_addr_t local;
+    if (resolve_local(o, &local) != 0)
+        return finish(o, host, json::object(), SWUC_EXIT_USAGE,
+                      "bad local address '" + o.local_addr + "'");
+    update_params p = make_params(o, terminal, package, u);
+    update_view view(stdout, isatty(STDOUT_FILENO) != 0, "", nullptr);
+    update_events ev = o.json ? update_events{} : view.events();
+    if (!o.json)
+        view.line("updating " + addr_text(terminal) + " with " + package);
+    update_outcome out = run_update(p, ev);
+    if (out.rx_port != 0)
+        remember_ports(terminal, out.rx_port, out.stream_port);
+    if (o.json)
+        return finish(o, host, outcome_json(out), out.exit_code, "");
+    if (out.exit_code == SWUC_EXIT_OK)
+        view.line(summary(out));
+    else
+        error_line(host, out.message);
+    return out.exit_code;
+}
+
+int cmd_update_all(const client_options &o, const std::string &package, const update_settings &u,
+                   double timeout_s, int parallel)
+{
+    if (o.rx_port != 0 || o.stream_port != 0) {
+        fprintf(stderr, "swu-client: update --all takes ephemeral ports only\n");
+        return SWUC_EXIT_USAGE;
+    }
+    std::string err;
+    std::vector<swuc_advert> found = listen_for(o, timeout_s, &err);
+    if (!err.empty()) {
+        fprintf(stderr, "swu-client: %s\n", err.c_str());
+        return SWUC_EXIT_LOCAL;
+    }
+    if (found.empty()) {
+        if (o.json)
+            printf("[]\n");
+        else
+            fprintf(stderr, "swu-client: no terminal heard in %.0f s\n", timeout_s);
+        return SWUC_EXIT_NO_ANSWER;
+    }
+
+    struct job {
+        swuc_advert advert;
+        std::string name;
+        bool skipped = false;
+        update_outcome out;
+    };
+    std::vector<job> jobs(found.size());
+    for (size_t i = 0; i < found.size(); i++) {
+        jobs[i].advert = found[i];
+        jobs[i].name = addr_text(found[i].sender);
+        if (found[i].adv.rx_port != PROTO_SWU_PORT)
+            jobs[i].name += ":" + std::to_string(found[i].adv.rx_port);
+        jobs[i].skipped = found[i].adv.connection_status != SWU_CON_STATUS_AVAIL;
+    }
+    if (!o.json)
+        printf("updating %zu of %zu terminals heard, at most %d at once\n",
+               static_cast<size_t>(std::count_if(jobs.begin(), jobs.end(),
+                                                 [](const job &j) { return !j.skipped; })),
+               jobs.size(), parallel);
+
+    std::mutex out_lock;
+    std::atomic<size_t> next{0};
+    auto worker = [&] {
+        for (size_t i = next++; i < jobs.size(); i = next++) {
+            job &jb = jobs[i];
+            if (jb.skipped)
+                continue;
+            sockaddr_in terminal = swuc_advert_terminal(jb.advert);
+            update_view view(stdout, false, "[" + jb.name + "] ", &out_lock, 25);
+            update_events ev = o.json ? update_events{} : view.events();
+            jb.out = run_update(make_params(o, terminal, package, u), ev);
+            if (!o.json)
+                view.line(jb.out.exit_code == SWUC_EXIT_OK ? summary(jb.out)
+                                                           : "FAILED: " + jb.out.message);
+        }
+    };
+    std::vector<std::thread> threads;
+    const size_t n = std::min(static_cast<size_t>(std::max(parallel, 1)), jobs.size());
+    for (size_t i = 0; i < n; i++)
+        threads.emplace_back(worker);
+    for (auto &t : threads)
+        t.join();
+
+    int failed = 0;
+    json list = json::array();
+    std::vector<std::vector<std::string>> rows = {
+        {"TERMINAL", "IDENTITY", "FROM", "RESULT", "TIME", "EXIT", "DETAIL"}};
+    for (const job &jb : jobs) {
+        const std::string id = swuc_advert_id(jb.advert.adv);
+        const std::string from = format_version(jb.advert.adv.curr_sw_v);
+        if (jb.skipped) {
+            rows.push_back(
+                {jb.name, id, from, "skipped", "-", "-", "busy: another client is connected"});
+            list.push_back({{"terminal", jb.name}, {"identity", id}, {"result", "skipped"}});
+            continue;
+        }
+        const bool ok = jb.out.exit_code == SWUC_EXIT_OK;
+        failed += ok ? 0 : 1;
+        rows.push_back({jb.name, id, from, ok ? "updated" : "FAILED",
+                        format_duration(jb.out.total_seconds), std::to_string(jb.out.exit_code),
+                        ok ? (jb.out.reboot_confirmed ? "rebooting" : "reboot not confirmed")
+                           : jb.out.message});
+        json j = outcome_json(jb.out);
+        j["terminal"] = jb.name;
+        j["identity"] = id;
+        list.push_back(j);
+    }
+    if (o.json)
+        printf("%s\n", list.dump().c_str());
+    else
+        fputs(("\n" + format_table(rows)).c_str(), stdout);
+    return failed > 0 ? SWUC_EXIT_FLEET : SWUC_EXIT_OK;
+}
+
+namespace
+{
+
+// Reboot and error acknowledgement: one header-only request, confirmed by
+// its response, which the terminal sends to the rx port of its session.
+int end_request(const client_options &o, const std::string &host, bool reboot)
+{
+    sockaddr_in terminal;
+    std::string err;
+    if (resolve_terminal(host, &terminal, &err) != 0)
+        return finish(o, host, json::object(), SWUC_EXIT_USAGE, err);
+    swuc_session s;
+    if (open_session(&s, o, terminal, true, &err) != 0)
+        return finish(o, host, json::object(), SWUC_EXIT_LOCAL, err);
+    for (int attempt = 0; attempt < 3; attempt++) {
+        if ((reboot ? swuc_reboot(&s) : swuc_ack_error(&s)) == 0) {
+            json j = {{"result", reboot ? "rebooting" : "error acknowledged"}};
+            if (!o.json)
+                printf("%s: %s\n", host.c_str(),
+                       reboot ? "rebooting" : "error acknowledged; the terminal is back at idle");
+            return finish(o, host, j, SWUC_EXIT_OK, "");
+        }
+    }
+    return finish(o, host, json::object(), SWUC_EXIT_NO_ANSWER,
+                  std::string("no answer: the terminal takes this request only in its ") +
+                      (reboot ? "finish" : "error") +
+                      " state, from the machine of its session, and answers to that session's "
+                      "rx port (--rx-port; the last session's port is used when known)");
+}
+
+} // namespace
+
+int cmd_reboot(const client_options &o, const std::string &host)
+{
+    return end_request(o, host, true);
+}
+
+int cmd_ack_error(const client_options &o, const std::string &host)
+{
+    return end_request(o, host, false);
+}

@@ -1,0 +1,234 @@
+#include "client_output.h"
+
+#include <algorithm>
+#include <arpa/inet.h>
+#include <cmath>
+
+namespace
+{
+
+constexpr int BAR_WIDTH = 30;
+
+std::string fmt(const char *format, double v)
+{
+    char buf[64];
+    snprintf(buf, sizeof(buf), format, v);
+    return buf;
+}
+
+} // namespace
+
+std::string format_bytes(double bytes)
+{
+    if (bytes >= 1024.0 * 1024 * 1024)
+        return fmt("%.2f GiB", bytes / (1024.0 * 1024 * 1024));
+    if (bytes >= 1024.0 * 1024)
+        return fmt("%.1f MiB", bytes / (1024.0 * 1024));
+    if (bytes >= 1024.0)
+        return fmt("%.0f KiB", bytes / 1024.0);
+    return fmt("%.0f B", bytes);
+}
+
+std::string format_duration(double seconds)
+{
+    long s = std::lround(std::max(seconds, 0.0));
+    char buf[32];
+    if (s >= 3600)
+        snprintf(buf, sizeof(buf), "%ld:%02ld:%02ld", s / 3600, s / 60 % 60, s % 60);
+    else
+        snprintf(buf, sizeof(buf), "%ld:%02ld", s / 60, s % 60);
+    return buf;
+}
+
+double progress_rate(const swuc_progress &p, double elapsed_s)
+{
+    return elapsed_s > 0 ? static_cast<double>(p.acked_bytes) / elapsed_s : 0.0;
+}
+
+std::string format_table(const std::vector<std::vector<std::string>> &rows)
+{
+    std::vector<size_t> width;
+    for (const auto &row : rows)
+        for (size_t i = 0; i < row.size(); i++) {
+            if (width.size() <= i)
+                width.push_back(0);
+            width[i] = std::max(width[i], row[i].size());
+        }
+    std::string text;
+    for (const auto &row : rows) {
+        std::string line;
+        for (size_t i = 0; i < row.size(); i++) {
+            line += row[i];
+            if (i + 1 < row.size())
+                line += std::string(width[i] - row[i].size() + 2, ' ');
+        }
+        text += line + "\n";
+    }
+    return text;
+}
+
+std::string format_version(const uint16_t v[3])
+{
+    return std::to_string(v[0]) + "." + std::to_string(v[1]) + "." + std::to_string(v[2]);
+}
+
+update_view::update_view(FILE *out, bool bar, std::string prefix, std::mutex *lock, int line_step)
+    : out_(out), bar_(bar), prefix_(std::move(prefix)), lock_(lock), line_step_(line_step)
+{
+}
+
+update_events update_view::events()
+{
+    update_events ev;
+    ev.note = [this](const std::string &text) { line(text); };
+    ev.progress = [this](const swuc_progress &p) { on_progress(p); };
+    ev.stream_done = [this] { on_stream_done(); };
+    ev.status = [this](const swuc_status &st) { on_status(st); };
+    return ev;
+}
+
+void update_view::end_bar()
+{
+    if (bar_open_) {
+        fputc('\n', out_);
+        bar_open_ = false;
+    }
+}
+
+void update_view::line(const std::string &text)
+{
+    std::unique_lock<std::mutex> guard;
+    if (lock_ != nullptr)
+        guard = std::unique_lock<std::mutex>(*lock_);
+    end_bar();
+    fprintf(out_, "%s%s\n", prefix_.c_str(), text.c_str());
+    fflush(out_);
+}
+
+void update_view::on_progress(const swuc_progress &p)
+{
+    const int64_t now = swuc_now_ms();
+    if (stream_start_ms_ == 0) {
+        stream_start_ms_ = now;
+        last_step_ = -1;
+    }
+    const double elapsed = static_cast<double>(now - stream_start_ms_) / 1000.0;
+    const double rate = progress_rate(p, elapsed);
+    const double fraction =
+        p.total_bytes > 0 ? static_cast<double>(p.acked_bytes) / static_cast<double>(p.total_bytes)
+                          : 1.0;
+    const int percent = static_cast<int>(fraction * 100.0);
+    const bool done = p.acked_bytes == p.total_bytes;
+    std::string figures = std::to_string(percent) + "%  " +
+                          format_bytes(static_cast<double>(p.acked_bytes)) + " of " +
+                          format_bytes(static_cast<double>(p.total_bytes));
+    if (rate > 0)
+        figures += "  " + format_bytes(rate) + "/s";
+    if (!done)
+        figures +=
+            "  " +
+            (rate > 0 ? format_duration(static_cast<double>(p.total_bytes - p.acked_bytes) / rate)
+                      : std::string("-:--")) +
+            " left";
+    if (p.retransmitted > 0)
+        figures += "  (" + std::to_string(p.retransmitted) + " resent)";
+
+    std::unique_lock<std::mutex> guard;
+    if (lock_ != nullptr)
+        guard = std::unique_lock<std::mutex>(*lock_);
+    if (bar_) {
+        const int filled = static_cast<int>(fraction * BAR_WIDTH);
+        std::string bar(static_cast<size_t>(filled), '#');
+        bar.resize(BAR_WIDTH, '.');
+        // Redrawn in place; the erase clears what a longer line left behind.
+        fprintf(out_, "\r%s[%s] %s\033[K", prefix_.c_str(), bar.c_str(), figures.c_str());
+        bar_open_ = true;
+        fflush(out_);
+        return;
+    }
+    const int step = percent / line_step_;
+    if (step != last_step_ && (rate > 0 || done)) {
+        last_step_ = step;
+        fprintf(out_, "%sstream %s\n", prefix_.c_str(), figures.c_str());
+        fflush(out_);
+    }
+}
+
+void update_view::on_stream_done()
+{
+    std::unique_lock<std::mutex> guard;
+    if (lock_ != nullptr)
+        guard = std::unique_lock<std::mutex>(*lock_);
+    end_bar();
+    stream_start_ms_ = 0;
+}
+
+void update_view::on_status(const swuc_status &st)
+{
+    if (static_cast<int>(st.stage_code) == last_stage_)
+        return;
+    last_stage_ = static_cast<int>(st.stage_code);
+    const char *what = nullptr;
+    switch (st.stage_code) {
+    case SWUC_STAGE_VERIFY:
+        what = "verifying the package";
+        break;
+    case SWUC_STAGE_UPGRADE:
+        what = "installing";
+        break;
+    case SWUC_STAGE_FINISH:
+        what = "installed";
+        break;
+    case SWUC_STAGE_ERROR:
+        what = "error";
+        break;
+    default:
+        break;
+    }
+    if (what != nullptr)
+        line(std::string(what) + ": " + st.stage_description);
+}
+
+nlohmann::json status_json(const swuc_status &st)
+{
+    return {{"battery_status", st.battery_status},       {"status_code", st.status_code},
+            {"status_message", st.status_message},       {"stage_code", st.stage_code},
+            {"stage_description", st.stage_description}, {"stage_progress", st.stage_progress},
+            {"stage_complete", st.stage_complete}};
+}
+
+nlohmann::json outcome_json(const update_outcome &o)
+{
+    const double rate =
+        o.stream_seconds > 0 ? static_cast<double>(o.progress.acked_bytes) / o.stream_seconds : 0;
+    nlohmann::json j = {{"result", o.exit_code == SWUC_EXIT_OK ? "updated" : "failed"},
+                        {"exit_code", o.exit_code},
+                        {"message", o.message},
+                        {"step", o.step},
+                        {"attempts", o.attempts},
+                        {"bytes", o.progress.total_bytes},
+                        {"packets", o.progress.total_packets},
+                        {"retransmitted", o.progress.retransmitted},
+                        {"ack_timeouts", o.progress.timeouts},
+                        {"stream_seconds", o.stream_seconds},
+                        {"stream_bytes_per_second", std::round(rate)},
+                        {"total_seconds", o.total_seconds},
+                        {"reboot_confirmed", o.reboot_confirmed}};
+    j["status"] = o.have_status ? status_json(o.last_status) : nlohmann::json(nullptr);
+    return j;
+}
+
+nlohmann::json advert_json(const swuc_advert &a)
+{
+    char addr[INET_ADDRSTRLEN];
+    inet_ntop(AF_INET, &a.sender.sin_addr, addr, sizeof(addr));
+    const self_adv_t &adv = a.adv;
+    return {{"address", addr},
+            {"port", adv.rx_port},
+            {"identity", swuc_advert_id(adv)},
+            {"installed_version", format_version(adv.curr_sw_v)},
+            {"factory_version", format_version(adv.factory_sw_v)},
+            {"config_version", adv.conf_ver},
+            {"terminal_type", adv.term_type == 0 ? "static" : "dynamic"},
+            {"busy", adv.connection_status != SWU_CON_STATUS_AVAIL}};
+}

@@ -1,0 +1,125 @@
+// swu-client: the technician's tool for the terminal's update service.
+#include "client_commands.h"
+
+#include <CLI/CLI.hpp>
+
+#include <csignal>
+
+int main(int argc, char **argv)
+{
+    // A terminal that vanishes mid-update must give an exit code, not a
+    // signal from writing to a closed pipe.
+    signal(SIGPIPE, SIG_IGN);
+
+    CLI::App app{"swu-client: finds terminals in update mode, reads their status and updates "
+                 "them.\nHOST is an IPv4 address or name, optionally with :PORT (default 12226)."};
+    app.require_subcommand(1);
+    app.option_defaults()->always_capture_default();
+    app.footer(swuc_exit_code_help);
+
+    client_options o;
+    update_settings u;
+    double timeout_s = 4;
+    int parallel = 4;
+    bool all = false;
+    std::string host, package;
+
+    auto common = [&](CLI::App *cmd, bool ports) {
+        cmd->add_option("--local", o.local_addr,
+                        "local IPv4 address to send from and to join the advertisement group on");
+        cmd->add_flag("--json", o.json,
+                      "print one machine-readable result (JSON) and nothing else");
+        cmd->add_option("--reply-timeout", o.reply_timeout_ms,
+                        "milliseconds to wait for each answer")
+            ->check(CLI::Range(50, 60000));
+        if (ports) {
+            cmd->add_option("--rx-port", o.rx_port,
+                            "local UDP port for connection, status, reboot and restart answers "
+                            "(default: ephemeral)");
+            cmd->add_option("--stream-port", o.stream_port,
+                            "local UDP port for the stream's answers (default: ephemeral)");
+        }
+    };
+
+    CLI::App *discover =
+        app.add_subcommand("discover", "list the terminals heard on 227.0.0.0:12225");
+    discover
+        ->add_option("--timeout", timeout_s, "seconds to listen (advertisements come every 3 s)")
+        ->check(CLI::Range(0.1, 3600.0));
+    common(discover, false);
+
+    CLI::App *status = app.add_subcommand(
+        "status", "connect, print the terminal's status report and let the session lapse");
+    status->add_option("HOST", host, "the terminal")->required();
+    common(status, true);
+
+    CLI::App *update = app.add_subcommand(
+        "update", "update one terminal (HOST PACKAGE) or every free one (--all PACKAGE)");
+    update->add_option("HOST_OR_PACKAGE", host, "the terminal (left out with --all)")->required();
+    update->add_option("PACKAGE", package, "the update package (swu-pack builds one)");
+    update->add_flag("--all", all, "discover and update every free terminal");
+    update->add_option("--timeout", timeout_s, "with --all: seconds to listen for terminals")
+        ->check(CLI::Range(0.1, 3600.0));
+    update->add_option("--parallel", parallel, "with --all: terminals updated at once")
+        ->check(CLI::Range(1, 64));
+    update->add_option("--window", u.window, "packets in flight (1: one at a time)")
+        ->check(CLI::Range(1, 1024));
+    update
+        ->add_option("--ack-timeout", u.ack_timeout_ms,
+                     "milliseconds without an acknowledgement before resending from the oldest "
+                     "unacknowledged packet")
+        ->check(CLI::Range(1, 10000));
+    update
+        ->add_option("--retries", u.retries,
+                     "times a stream is started over after packets went missing or stalled")
+        ->check(CLI::Range(0, 10));
+    update
+        ->add_option("--install-timeout", u.install_timeout_s,
+                     "seconds to wait for the check and the installation")
+        ->check(CLI::Range(1, 86400));
+    update->add_option("--name", u.name,
+                       "package name announced to the terminal (default: the file's name)");
+    bool no_reboot = false;
+    update->add_flag("--no-reboot", no_reboot,
+                     "leave the terminal in its finish state (it restarts by itself after 30 s)");
+    common(update, true);
+
+    CLI::App *reboot =
+        app.add_subcommand("reboot", "ask a terminal that finished its update to reboot");
+    reboot->add_option("HOST", host, "the terminal")->required();
+    common(reboot, true);
+
+    CLI::App *ack = app.add_subcommand(
+        "ack-error", "acknowledge a terminal's error, which sends it back to idle");
+    ack->add_option("HOST", host, "the terminal")->required();
+    common(ack, true);
+
+    try {
+        app.parse(argc, argv);
+    } catch (const CLI::ParseError &e) {
+        int rc = app.exit(e);
+        return rc == 0 ? SWUC_EXIT_OK : SWUC_EXIT_USAGE;
+    }
+    u.reboot = !no_reboot;
+
+    if (*discover)
+        return cmd_discover(o, timeout_s);
+    if (*status)
+        return cmd_status(o, host);
+    if (*reboot)
+        return cmd_reboot(o, host);
+    if (*ack)
+        return cmd_ack_error(o, host);
+    if (all) {
+        if (!package.empty()) {
+            fprintf(stderr, "swu-client: update --all takes the package alone, no HOST\n");
+            return SWUC_EXIT_USAGE;
+        }
+        return cmd_update_all(o, host, u, timeout_s, parallel);
+    }
+    if (package.empty()) {
+        fprintf(stderr, "swu-client: update needs HOST and PACKAGE (or --all PACKAGE)\n");
+        return SWUC_EXIT_USAGE;
+    }
+    return cmd_update(o, host, package, u);
+}
