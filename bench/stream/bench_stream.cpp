@@ -12,8 +12,8 @@
 // Everything lives under one temporary root, removed at the end (--keep
 // leaves it). The 600 MiB run needs about 1.3 GB of free space there.
 #include "pack.h"
+#include "proto/package.h"
 #include "swu-client/lib/swu_client.h"
-#include "swu/pkg_footer.h"
 
 #include <algorithm>
 #include <arpa/inet.h>

@@ -4,6 +4,8 @@
 #include "platform/platform.h"
 #include "platform/shell_words.h"
 
+#include "lib/sys/le_bytes.h"
+
 #include <cerrno>
 #include <climits>
 #include <cstdlib>
@@ -17,7 +19,8 @@
 
 namespace fs = std::filesystem;
 
-namespace {
+namespace
+{
 
 [[noreturn]] void missing_root(const char *prog_name)
 {
@@ -102,7 +105,10 @@ void empty_directory(const std::string &dir)
 
 } // namespace
 
-bool plat_is_simulation() { return true; }
+bool plat_is_simulation()
+{
+    return true;
+}
 
 void plat_require_root(const char *prog_name)
 {
@@ -155,8 +161,7 @@ int plat_misc_request(int fd, unsigned long request, uint32_t *value)
         offset = 4;
         break;
     case PLAT_MISC_SET_REBOOT_MODE:
-        for (int i = 0; i < 4; i++)
-            b[i] = static_cast<uint8_t>(*value >> (8 * i));
+        le_put32(b, *value);
         if (pwrite(fd, b, 4, 8) != 4) {
             errno = errno ? errno : EIO;
             return -1;
@@ -172,8 +177,7 @@ int plat_misc_request(int fd, unsigned long request, uint32_t *value)
             errno = EIO;
         return -1;
     }
-    *value = static_cast<uint32_t>(b[0]) | static_cast<uint32_t>(b[1]) << 8 |
-             static_cast<uint32_t>(b[2]) << 16 | static_cast<uint32_t>(b[3]) << 24;
+    *value = le_get32(b);
     return 0;
 }
 
@@ -341,4 +345,7 @@ FILE *plat_popen(const char *command, const char *mode)
     return popen("exit 127", mode);
 }
 
-int plat_pclose(FILE *stream) { return pclose(stream); }
+int plat_pclose(FILE *stream)
+{
+    return pclose(stream);
+}

@@ -1,16 +1,17 @@
 // The idle and connect states, and the request operations the later states
 // share: refusing a second client, the status report, the session time-out.
+#include "swu/conn_handlers.h"
+
 #include "lib/sys/swu_assert.h"
 #include "swu/pkg_install.h"
 #include "swu/status.h"
-#include "swu/swu.h"
+#include "swu/stream_handlers.h"
 #include "swu/sys-api.h"
 
 #include <arpa/inet.h>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <unistd.h>
 
 struct sockaddr_in g_connected_client_addr;
 uint16_t g_connected_client_stream_port = 0;
@@ -18,25 +19,17 @@ uint16_t g_connected_client_stream_port = 0;
 namespace
 {
 
-swu_data_t *context_of(fsm_t *sm)
-{
-    SWU_ASSERT(sm != NULL);
-    auto *swu_data = static_cast<swu_data_t *>(fsm_get_data(sm));
-    SWU_ASSERT(swu_data != NULL);
-    return swu_data;
-}
-
 uint8_t *bytes_of(msg_t *msg)
 {
     return reinterpret_cast<uint8_t *>(msg->buffer);
 }
 
+} // namespace
+
 bool from_connected_client(const msg_t *msg)
 {
     return msg->client_addr.sin_addr.s_addr == g_connected_client_addr.sin_addr.s_addr;
 }
-
-} // namespace
 
 int validate_connection_request(conection_request_t *con_req)
 {
@@ -156,10 +149,8 @@ void on_timeout(swu_data_t *swu_data, uint8_t *event)
 {
     SWU_ASSERT(swu_data != NULL);
     SWU_ASSERT(event != NULL);
-    release_pkg_file(&swu_data->pkg_file);
+    stream_release(&swu_data->pkg_file);
     *event = SM_EVNT_INT_TIMEOUT;
-    g_pkg_size = 0;
-    g_expected_n_pkts = 0;
     g_connected_client_stream_port = 0;
     memset(&g_connected_client_addr, 0, sizeof(g_connected_client_addr));
     timer_set_timeout(&swu_data->timer, SWU_SESSION_TIMEOUT_S);
@@ -167,19 +158,9 @@ void on_timeout(swu_data_t *swu_data, uint8_t *event)
     post_install_sem();
 }
 
-int cleanup_pkg_file()
-{
-    if (g_pkg_fd > 0)
-        close(g_pkg_fd);
-    g_pkg_fd = 0;
-    int ret = unlink(g_pkg_name);
-    memset(g_pkg_name, 0, sizeof(g_pkg_name));
-    return ret;
-}
-
 uint8_t state_handler_idle(fsm_t *sm)
 {
-    swu_data_t *swu_data = context_of(sm);
+    swu_data_t *swu_data = swu_context(sm);
     set_stage_code(SM_STATE_IDLE);
     set_status_code(SWU_STAGE_CODE_OK);
     msg_t *msg = msg_dequeue(&swu_data->msg_q[RX_MSG_Q]);
@@ -194,7 +175,7 @@ uint8_t state_handler_idle(fsm_t *sm)
 
 uint8_t state_handler_connected(fsm_t *sm)
 {
-    swu_data_t *swu_data = context_of(sm);
+    swu_data_t *swu_data = swu_context(sm);
     set_stage_code(SM_STATE_CONNECT);
     set_status_code(SWU_STAGE_CODE_OK);
     uint8_t event = SM_EVNT_NO_EVENT;
@@ -216,7 +197,7 @@ uint8_t state_handler_connected(fsm_t *sm)
     case STREAM_REQST:
         // A stream that ended in the error state and was acknowledged there
         // may still hold its file; the new request replaces it.
-        release_pkg_file(&swu_data->pkg_file);
+        stream_release(&swu_data->pkg_file);
         event = do_stream_request(tx_q, msg);
         break;
     default:

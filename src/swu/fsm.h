@@ -11,19 +11,12 @@
 // only declares them so that the handler vector can name them.
 #pragma once
 
+#include "proto/codes.h"
+
 #include <cstddef>
 #include <cstdint>
 
-enum SM_STATE_ID : uint8_t {
-    SM_STATE_IDLE = 0,
-    SM_STATE_CONNECT = 1,
-    SM_STATE_STREAM = 2,
-    SM_STATE_VERIFY = 3,
-    SM_STATE_UPGRADE = 4,
-    SM_STATE_ERROR = 5,
-    SM_STATE_FINISH = 6,
-    SM_STATE_COUNT = 7,
-};
+// The states are the stage codes of proto/codes.h (SM_STATE_ID).
 
 // "EXT" events come from a client request, "INT" events from the terminal's
 // own progress.

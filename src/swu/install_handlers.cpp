@@ -1,10 +1,14 @@
 // The states after a complete stream: verification and upgrade, which drive
 // the installation thread, the error state, and the finish state that ends
 // the state machine.
+#include "swu/install_handlers.h"
+
 #include "lib/sys/swu_assert.h"
+#include "swu/conn_handlers.h"
+#include "swu/pkg_file.h"
 #include "swu/pkg_install.h"
 #include "swu/status.h"
-#include "swu/swu.h"
+#include "swu/stream_handlers.h"
 
 #include <cerrno>
 #include <cstdio>
@@ -21,14 +25,6 @@ namespace
 // The installation thread's own copy of the package name: g_pkg_name belongs
 // to the main thread and changes with the next stream request.
 char g_install_pkg_path[PKG_NAME_SIZE];
-
-swu_data_t *context_of(fsm_t *sm)
-{
-    SWU_ASSERT(sm != NULL);
-    auto *swu_data = static_cast<swu_data_t *>(fsm_get_data(sm));
-    SWU_ASSERT(swu_data != NULL);
-    return swu_data;
-}
 
 void *install_thrd_entry(void *arg)
 {
@@ -63,7 +59,7 @@ uint8_t answer_client(ilq_desc_t *q, msg_t *message, uint8_t opcode, uint8_t eve
 {
     SWU_ASSERT(q != NULL);
     SWU_ASSERT(message != NULL);
-    if (message->client_addr.sin_addr.s_addr != g_connected_client_addr.sin_addr.s_addr)
+    if (!from_connected_client(message))
         return SM_EVNT_NO_EVENT;
     msg_t *rsp = msg_alloc(PROTO_HDR_SIZE);
     if (rsp == nullptr)
@@ -80,9 +76,14 @@ uint8_t answer_client(ilq_desc_t *q, msg_t *message, uint8_t opcode, uint8_t eve
 
 } // namespace
 
+void install_expect_package(swu_data_t *swu_data)
+{
+    swu_data->instatll_thrd_fd = 0;
+}
+
 uint8_t state_handler_verify(fsm_t *sm)
 {
-    swu_data_t *swu_data = context_of(sm);
+    swu_data_t *swu_data = swu_context(sm);
     set_stage_code(SM_STATE_VERIFY);
     set_status_code(SWU_STAGE_CODE_OK);
 
@@ -135,7 +136,7 @@ uint8_t state_handler_verify(fsm_t *sm)
 
 uint8_t state_handler_upgrade(fsm_t *sm)
 {
-    swu_data_t *swu_data = context_of(sm);
+    swu_data_t *swu_data = swu_context(sm);
     set_stage_code(SM_STATE_UPGRADE);
     set_status_code(SWU_STAGE_CODE_OK);
 
@@ -179,7 +180,7 @@ uint8_t do_error_received(ilq_desc_t *q, msg_t *message)
 
 uint8_t state_handler_error(fsm_t *sm)
 {
-    swu_data_t *swu_data = context_of(sm);
+    swu_data_t *swu_data = swu_context(sm);
     set_stage_code(SM_STATE_ERROR);
     timer_set_timeout(&swu_data->timer, SWU_ERROR_TIMEOUT_S);
 
@@ -202,7 +203,7 @@ uint8_t state_handler_error(fsm_t *sm)
             // The client goes on with its session: back to its 5 seconds, and
             // without what a failed stream left behind.
             timer_set_timeout(&swu_data->timer, SWU_SESSION_TIMEOUT_S);
-            release_pkg_file(&swu_data->pkg_file);
+            stream_release(&swu_data->pkg_file);
         }
         break;
     default:
@@ -219,7 +220,7 @@ uint8_t do_terminal_reboot_request(ilq_desc_t *q, msg_t *message)
 
 uint8_t state_handler_finish(fsm_t *sm)
 {
-    swu_data_t *swu_data = context_of(sm);
+    swu_data_t *swu_data = swu_context(sm);
     if (finish_state_start_time == 0)
         finish_state_start_time = timer_get_time_s();
     set_stage_code(SM_STATE_FINISH);

@@ -5,6 +5,7 @@
 
 #include "lib/st_control/st_control.h"
 #include "lib/sys/swu_assert.h"
+#include "lib/sys/unique_fd.h"
 #include "platform/platform.h"
 #include "swu/emmc_mount.h"
 
@@ -75,32 +76,27 @@ bool set_path(const artifact_desc_t *artifact, char *path, const char *base_path
 // the whole file: after a partial one the file is not trusted.
 int os_cpy_file(const char *src, const char *dst)
 {
-    int src_fd = open(src, O_RDONLY | O_CLOEXEC);
-    if (src_fd < 0) {
+    unique_fd src_fd(open(src, O_RDONLY | O_CLOEXEC));
+    if (!src_fd.valid()) {
         perror("open src failed...\n");
         return -1;
     }
-    int dst_fd = open(dst, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0660);
-    if (dst_fd < 0) {
+    unique_fd dst_fd(open(dst, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0660));
+    if (!dst_fd.valid()) {
         perror("create dst failed...\n");
-        close(src_fd);
         return -1;
     }
-    int result = -1;
     struct stat st;
-    if (fstat(src_fd, &st) == 0) {
-        off_t offset = 0;
-        ssize_t sent = -1;
-        for (int attempt = 0; attempt < 3; attempt++) {
-            sent = sendfile(dst_fd, src_fd, &offset, static_cast<size_t>(st.st_size));
-            if (sent == st.st_size)
-                break;
-        }
-        result = sent == st.st_size ? 0 : -1;
+    if (fstat(src_fd.get(), &st) != 0)
+        return -1;
+    off_t offset = 0;
+    ssize_t sent = -1;
+    for (int attempt = 0; attempt < 3; attempt++) {
+        sent = sendfile(dst_fd.get(), src_fd.get(), &offset, static_cast<size_t>(st.st_size));
+        if (sent == st.st_size)
+            break;
     }
-    close(src_fd);
-    close(dst_fd);
-    return result;
+    return sent == st.st_size ? 0 : -1;
 }
 
 // The hexadecimal MD5 digest of `file_name` into `md5sum`: 1 when all MD5_LEN
@@ -292,7 +288,7 @@ int do_pkg_install(struct validation_thrd_arg *thrd_data, artifact_desc_t *art_l
         struct stat st;
         if (cpy_files_2_emmc(art_list, art_count) != 0) {
             puts("cpy_files_2_emmc faild");
-        } else if ((thrd_data->swu_reson & 4) == 0 &&
+        } else if ((thrd_data->swu_reson & SWU_REASON_KEEP_MCU) == 0 &&
                    stat(plat_path("/mnt/emmc/st.bin").c_str(), &st) == 0) {
             // The front end scans its options as a command line does, so it
             // gets writable strings ending with a null entry.

@@ -10,7 +10,8 @@
 // status reads INSTALL_STT_IN_PROGRESS again, until the next run publishes.
 #pragma once
 
-#include "swu/pkg_footer.h"
+#include "proto/codes.h"
+#include "proto/package.h"
 
 #include <atomic>
 #include <cstddef>
@@ -38,13 +39,13 @@ extern sem_t g_install_sync_sem;
 
 // The installation thread's argument.
 struct validation_thrd_arg {
-    char *path;           // package file, relative to the working directory
-    long swu_reson;       // update-mode reason bits; 4 leaves the microcontroller alone
+    char *path;     // package file, relative to the working directory
+    long swu_reson; // update-mode reason bits; SWU_REASON_KEEP_MCU leaves the microcontroller alone
     std::atomic<int> ret; // result of the thread's latest step, 0 for success
 };
 extern struct validation_thrd_arg g_instatll_thrd_data;
 
-inline constexpr size_t ARTIFACT_NAME_SIZE = 128; // name and terminator
+inline constexpr size_t ARTIFACT_NAME_SIZE = ARTIFACT_NAME_MAX_LEN + 1; // and terminator
 inline constexpr size_t PKG_PATH_SIZE = 256;
 inline constexpr size_t MD5_LEN = 32;
 
@@ -93,8 +94,8 @@ int post_install_sem();
 int list_pkg_content(artifact_desc_t **art_list, uint32_t *art_count);
 
 // One installation attempt: mount the card, copy and verify the artifacts,
-// update the microcontroller when the card holds "st.bin" (unless reason bit
-// 4), and release the card. 0 or -1.
+// update the microcontroller when the card holds "st.bin" (unless
+// SWU_REASON_KEEP_MCU), and release the card. 0 or -1.
 int do_pkg_install(struct validation_thrd_arg *thrd_data, artifact_desc_t *art_list,
                    uint32_t art_count);
 

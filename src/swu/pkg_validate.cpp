@@ -2,6 +2,7 @@
 #include "swu/pkg_install.h"
 
 #include "lib/sys/swu_assert.h"
+#include "lib/sys/unique_fd.h"
 #include "platform/platform.h"
 
 #include <cerrno>
@@ -95,28 +96,26 @@ int check_pkg_crc(const char *path, pkg_metadata_t *pkg_data)
     SWU_ASSERT(pkg_data != nullptr);
 
     // Descriptor 0 is a valid one when the service runs with stdin closed.
-    int fd = open(path, O_RDWR | O_CLOEXEC);
-    if (fd < 0) {
+    unique_fd fd(open(path, O_RDWR | O_CLOEXEC));
+    if (!fd.valid()) {
         perror("open pkg failed");
         return -1;
     }
     struct stat st;
-    if (fstat(fd, &st) != 0) {
+    if (fstat(fd.get(), &st) != 0) {
         perror("fstat failed");
-        close(fd);
         return -1;
     }
-    if (extract_footer(pkg_data, fd, st.st_size) != 0) {
+    if (extract_footer(pkg_data, fd.get(), st.st_size) != 0) {
         perror("invalid footer");
         g_instatll_status = INSTALL_STT_CRC_ERROR;
-        close(fd);
         return -1;
     }
 
     int result = -1;
     uint32_t crc = PKG_CRC_START;
     uint64_t payload_size = static_cast<uint64_t>(st.st_size) - PKG_FOOTER_SIZE;
-    if (pkg_crc_fd(fd, payload_size, &crc) != 0) {
+    if (pkg_crc_fd(fd.get(), payload_size, &crc) != 0) {
         perror("read failed");
         g_instatll_status = INSTALL_STT_CRC_ERROR;
     } else if (crc == pkg_data->crc) {
@@ -133,7 +132,6 @@ int check_pkg_crc(const char *path, pkg_metadata_t *pkg_data)
         perror("invalid crc");
         g_instatll_status = INSTALL_STT_CRC_ERROR;
     }
-    close(fd);
     return result;
 }
 

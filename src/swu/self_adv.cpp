@@ -1,5 +1,6 @@
 // The self-advertisement that lets a client find the terminal: multicast
 // every 3 seconds while the service runs.
+#include "swu/self_adv.h"
 #include "lib/sys/swu_assert.h"
 #include "lib/sys/terminal_config.h"
 #include "platform/platform.h"
@@ -107,7 +108,7 @@ void self_adv_build(self_adv_t *adv)
     adv->rx_port = PROTO_SWU_PORT;
     uint16_t curr_ver[3] = {0, 0, 0};
     uint16_t factory_ver[3] = {0, 0, 0};
-    if (g_swu_reson & 4)
+    if (g_swu_reson & SWU_REASON_KEEP_MCU)
         sys_api_get_factory_fw_version(factory_ver, 3);
     adv->orvanID_len = PROTO_ORVAN_ID_SIZE;
     read_orvanID(adv->orvanID, &adv->orvanID_len);

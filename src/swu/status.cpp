@@ -12,36 +12,6 @@ std::atomic<uint8_t> g_stage_code{SM_STATE_IDLE};
 std::atomic<uint8_t> g_stage_progress{0};
 std::atomic<uint8_t> g_stage_complete{0};
 
-namespace
-{
-
-// Indexed by status code; codes from 4 on have no entry and report "NULL".
-constexpr const char *g_status_msgs[4] = {
-    "operation compleated successfully...",
-    "invalid stream request...",
-    "invalid stream, some packets are missing...",
-    "NULL",
-};
-
-// Indexed by stage code (the state whose handler ran last).
-constexpr const char *g_stage_msgs[8] = {
-    "NULL",
-    "Terminal is in update mode, connected...",
-    "Terminal is receiving update stream...",
-    "Terminal verifiying upgrade package...",
-    "Terminal in upgradded to new version...",
-    "Terminal encountered a major error, returning to initial state, re-connect to continue",
-    "Terminal is rebooting...",
-    "NULL",
-};
-
-template <size_t N> const char *msg_text(const char *const (&table)[N], uint8_t code)
-{
-    return code < N ? table[code] : "NULL";
-}
-
-} // namespace
-
 void set_connection_status()
 {
     g_connection_status = SWU_CON_STATUS_BUSY;
@@ -105,9 +75,8 @@ uint32_t build_stt_message(char *msg, uint32_t size)
                  "\"stage_description\":\"%s\","
                  "\"stage_progress\":%u,"
                  "\"stage_complete\":%u}",
-                 static_cast<unsigned>(stub_get_battery_status()), status,
-                 msg_text(g_status_msgs, static_cast<uint8_t>(status)), stage,
-                 msg_text(g_stage_msgs, static_cast<uint8_t>(stage)), progress, complete);
+                 static_cast<unsigned>(stub_get_battery_status()), status, swu_status_text(status),
+                 stage, swu_stage_text(stage), progress, complete);
     if (len < 0)
         return 0;
     // Cannot happen with the tables above; a report that did not fit is cut.

@@ -8,21 +8,10 @@
 // see either the value before or after a change.
 #pragma once
 
-#include "swu/protocol.h"
+#include "proto/protocol.h"
 
 #include <atomic>
 #include <cstdint>
-
-// Outcome codes of the last operation (g_status_code).
-enum stage_code : uint8_t {
-    SWU_STAGE_CODE_OK = 0,
-    SWU_STAGE_CODE_INVL_STREAM_REQ = 1,
-    SWU_STAGE_CODE_MISSING_PCKTS = 2,
-    SWU_STAGE_CODE_MEM_ALLOC_FAILURE = 3,
-    SWU_STAGE_CODE_FS_FAILURE = 4,
-    SWU_STAGE_CODE_EINVAL_PKG = 5,
-    SWU_STAGE_CODE_COUNT = 6,
-};
 
 // The smallest buffer build_stt_message accepts; also the data_length that
 // status responses announce.
@@ -30,7 +19,7 @@ inline constexpr uint32_t STT_RSPNS_MSG_BUFF_MIN_SIZE = 400;
 
 // The status facts, all 0 at start and never reset as a group.
 extern std::atomic<uint8_t> g_connection_status; // terminal_connection_status
-extern std::atomic<uint8_t> g_status_code;       // stage_code
+extern std::atomic<uint8_t> g_status_code;       // stage_code (proto/codes.h)
 extern std::atomic<uint8_t> g_stage_code;        // SM_STATE_ID
 extern std::atomic<uint8_t> g_stage_progress;    // percent
 extern std::atomic<uint8_t> g_stage_complete;    // 1 after a complete stream end

@@ -1,46 +1,23 @@
 // Package stream reception: the stream request, the stream state, and the
-// packets written through one shared mapping of the package file.
-#include "lib/sys/swu_assert.h"
-#include "swu/status.h"
-#include "swu/swu.h"
+// packets written into the package file.
+#include "swu/stream_handlers.h"
 
-#include <cerrno>
+#include "lib/sys/swu_assert.h"
+#include "swu/conn_handlers.h"
+#include "swu/install_handlers.h"
+#include "swu/pkg_file.h"
+#include "swu/status.h"
+
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <fcntl.h>
-#include <sys/mman.h>
-#include <unistd.h>
 
-char g_pkg_name[PKG_NAME_SIZE];
-int g_pkg_fd = 0;
-uint32_t g_pkg_size = 0;
 uint32_t g_expected_n_pkts = 0;
 uint64_t g_pkt_counter = 0;
 uint64_t seg_sequential_counter = 0;
 
 namespace
 {
-
-// Length of the current mapping, kept apart from g_pkg_size so that the unmap
-// always matches the map.
-size_t g_pkg_map_len = 0;
-
-swu_data_t *context_of(fsm_t *sm)
-{
-    SWU_ASSERT(sm != NULL);
-    auto *swu_data = static_cast<swu_data_t *>(fsm_get_data(sm));
-    SWU_ASSERT(swu_data != NULL);
-    return swu_data;
-}
-
-void unmap_pkg(char **pkg_file)
-{
-    if (*pkg_file != nullptr)
-        munmap(*pkg_file, g_pkg_map_len);
-    *pkg_file = nullptr;
-    g_pkg_map_len = 0;
-}
 
 // A message to the connected client's stream port.
 void send_to_stream_port(ilq_desc_t *q, msg_t *rsp)
@@ -51,10 +28,33 @@ void send_to_stream_port(ilq_desc_t *q, msg_t *rsp)
     msg_send(q, rsp);
 }
 
-bool name_char(char c)
+// The simulated refusals of the command line: the first switch that is set
+// is used up and refuses this request with its status code.
+bool simulated_refusal()
 {
-    return (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z') || (c >= '0' && c <= '9') || c == '.' ||
-           c == '_' || c == '-';
+    struct sim {
+        int *armed;
+        uint8_t status_code;
+    };
+    const sim order[] = {{&g_invalid_pkg_name, SWU_STAGE_CODE_INVL_STREAM_REQ},
+                         {&g_invalid_pkg_name_len, SWU_STAGE_CODE_INVL_STREAM_REQ},
+                         {&g_invalid_pkg_size, SWU_STAGE_CODE_INVL_STREAM_REQ},
+                         {&g_malloc_failure, SWU_STAGE_CODE_MEM_ALLOC_FAILURE}};
+    for (const sim &s : order) {
+        if (*s.armed) {
+            (*s.armed)--;
+            set_status_code(s.status_code);
+            return true;
+        }
+    }
+    return false;
+}
+
+int refuse(const char *why, uint8_t status_code)
+{
+    perror(why);
+    set_status_code(status_code);
+    return -1;
 }
 
 } // namespace
@@ -63,7 +63,7 @@ int is_string(char *str, uint32_t len)
 {
     SWU_ASSERT(str != NULL);
     for (uint32_t i = 0; i < len; i++) {
-        if (!name_char(str[i]))
+        if (!pkg_name_char(str[i]))
             return 0;
     }
     return 1;
@@ -74,85 +74,34 @@ uint32_t calc_num_pckts(uint32_t pkg_size)
     return pkg_size / PAYLOAD_SIZE + (pkg_size % PAYLOAD_SIZE != 0 ? 1 : 0);
 }
 
-void release_pkg_file(char **pkg_file)
+void stream_release(char **pkg_file)
 {
-    SWU_ASSERT(pkg_file != NULL);
-    unmap_pkg(pkg_file);
-    if (g_pkg_fd > 0)
-        cleanup_pkg_file();
+    release_pkg_file(pkg_file);
+    g_expected_n_pkts = 0;
 }
 
 int do_stream_request_validation(file_transfer_request_t *ftr, ssize_t buf_size)
 {
     SWU_ASSERT(ftr != NULL);
-    if (g_invalid_pkg_name) {
-        g_invalid_pkg_name--;
-        set_status_code(SWU_STAGE_CODE_INVL_STREAM_REQ);
+    if (simulated_refusal())
         return -1;
-    }
-    if (g_invalid_pkg_name_len) {
-        g_invalid_pkg_name_len--;
-        set_status_code(SWU_STAGE_CODE_INVL_STREAM_REQ);
-        return -1;
-    }
-    if (g_invalid_pkg_size) {
-        g_invalid_pkg_size--;
-        set_status_code(SWU_STAGE_CODE_INVL_STREAM_REQ);
-        return -1;
-    }
-    if (g_malloc_failure) {
-        g_malloc_failure--;
-        set_status_code(SWU_STAGE_CODE_MEM_ALLOC_FAILURE);
-        return -1;
-    }
-    if (ftr->fsize > MAX_UPDATE_PKG_SIZE) {
-        perror("invalid pkg size\n");
-        set_status_code(SWU_STAGE_CODE_INVL_STREAM_REQ);
-        return -1;
-    }
-    g_pkg_size = static_cast<uint32_t>(ftr->fsize);
+    if (ftr->fsize > MAX_UPDATE_PKG_SIZE)
+        return refuse("invalid pkg size\n", SWU_STAGE_CODE_INVL_STREAM_REQ);
+    pkg_file_set_size(ftr->fsize);
 
     // A name that would not fit g_pkg_name counts as a wrong length.
     ssize_t name_len = buf_size - static_cast<ssize_t>(PROTO_FT_REQ_HEAD_SIZE);
     if (name_len <= 0 || name_len != ftr->fname_len ||
-        name_len >= static_cast<ssize_t>(PKG_NAME_SIZE) || ftr->fname == nullptr) {
-        perror("invalid pkg name length\n");
-        set_status_code(SWU_STAGE_CODE_INVL_STREAM_REQ);
-        return -1;
-    }
+        name_len >= static_cast<ssize_t>(PKG_NAME_SIZE) || ftr->fname == nullptr)
+        return refuse("invalid pkg name length\n", SWU_STAGE_CODE_INVL_STREAM_REQ);
     char name[PKG_NAME_SIZE] = {};
     memcpy(name, ftr->fname, static_cast<size_t>(name_len));
-    if (!is_string(name, static_cast<uint32_t>(name_len))) {
-        perror("invalid pkg name\n");
-        set_status_code(SWU_STAGE_CODE_INVL_STREAM_REQ);
-        return -1;
-    }
-    memcpy(g_pkg_name, name, sizeof(g_pkg_name));
+    if (!is_string(name, static_cast<uint32_t>(name_len)))
+        return refuse("invalid pkg name\n", SWU_STAGE_CODE_INVL_STREAM_REQ);
 
-    // A link planted under the name must not redirect the package elsewhere.
-    int fd = open(g_pkg_name, O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0755);
-    if (fd == 0) {
-        // Started with standard input closed: 0 stands for "no file" here.
-        int moved = fcntl(fd, F_DUPFD_CLOEXEC, 1);
-        close(fd);
-        fd = moved;
-    }
-    if (fd < 1) {
-        perror("file openning failed\n");
-        set_status_code(SWU_STAGE_CODE_FS_FAILURE);
-        return -1;
-    }
-    g_pkg_fd = fd;
-
-    if (g_pkg_size > 0 && lseek(g_pkg_fd, static_cast<off_t>(g_pkg_size) - 1, SEEK_SET) < 0) {
-        perror("failed reserving memory\n");
-        set_status_code(SWU_STAGE_CODE_MEM_ALLOC_FAILURE);
-        return -1;
-    }
-    const char zero = 0;
-    if (write(g_pkg_fd, &zero, 1) != 1) {
-        perror("failed write / reserving memory\n");
-        set_status_code(SWU_STAGE_CODE_MEM_ALLOC_FAILURE);
+    int status_code = pkg_file_create(name, static_cast<size_t>(name_len));
+    if (status_code != 0) {
+        set_status_code(static_cast<uint8_t>(status_code));
         return -1;
     }
     return 0;
@@ -205,18 +154,8 @@ uint8_t do_transfer(ilq_desc_t *q, msg_t *request, uint64_t *pkt_counter, char *
     const uint64_t offset = (seg - 1) * PAYLOAD_SIZE;
     if (offset + pkt.payload_len > g_pkg_size)
         return SM_EVNT_NO_EVENT;
-
-    if (*pkg_file == nullptr) {
-        if (g_pkg_fd <= 0)
-            return SM_EVNT_NO_EVENT;
-        void *map = mmap(nullptr, g_pkg_size, PROT_READ | PROT_WRITE, MAP_SHARED, g_pkg_fd, 0);
-        if (map == MAP_FAILED) {
-            perror("mmap_failed");
-            return SM_EVNT_NO_EVENT;
-        }
-        *pkg_file = static_cast<char *>(map);
-        g_pkg_map_len = g_pkg_size;
-    }
+    if (pkg_file_map(pkg_file) != 0)
+        return SM_EVNT_NO_EVENT;
 
     if (seg == 1)
         seg_sequential_counter = 1;
@@ -240,7 +179,7 @@ uint8_t do_transfer(ilq_desc_t *q, msg_t *request, uint64_t *pkt_counter, char *
     send_to_stream_port(q, ack);
 
     if (seg == seg_sequential_counter) {
-        memcpy(*pkg_file + offset, pkt.payload, pkt.payload_len);
+        pkg_file_write(*pkg_file, offset, pkt.payload, pkt.payload_len);
         seg_sequential_counter++;
         (*pkt_counter)++;
     }
@@ -255,10 +194,7 @@ uint8_t do_stream_end(ilq_desc_t *q, uint64_t *pkt_counter, char **pkg_file)
     // Without a mapping no packet was written: the stream counts as incomplete
     // (even an empty package could not hold its footer).
     const bool mapped = *pkg_file != nullptr;
-    unmap_pkg(pkg_file);
-    if (g_pkg_fd > 0)
-        close(g_pkg_fd);
-    g_pkg_fd = 0;
+    pkg_file_close(pkg_file);
 
     if (g_set_stream_failure) {
         g_set_stream_failure = 0;
@@ -270,7 +206,7 @@ uint8_t do_stream_end(ilq_desc_t *q, uint64_t *pkt_counter, char **pkg_file)
     if (!mapped || *pkt_counter != g_expected_n_pkts) {
         printf("incompleate packge, expected: %u, received: %llu\n", g_expected_n_pkts,
                static_cast<unsigned long long>(*pkt_counter));
-        unlink(g_pkg_name);
+        pkg_file_remove();
         set_status_code(SWU_STAGE_CODE_MISSING_PCKTS);
         return SM_EVNT_INT_ERROR;
     }
@@ -290,7 +226,7 @@ uint8_t do_stream_end(ilq_desc_t *q, uint64_t *pkt_counter, char **pkg_file)
 
 uint8_t state_handler_stream(fsm_t *sm)
 {
-    swu_data_t *swu_data = context_of(sm);
+    swu_data_t *swu_data = swu_context(sm);
     set_stage_code(SM_STATE_STREAM);
     set_status_code(SWU_STAGE_CODE_OK);
     uint8_t event = SM_EVNT_NO_EVENT;
@@ -314,9 +250,8 @@ uint8_t state_handler_stream(fsm_t *sm)
         break;
     case FILE_STREAM_END:
         event = do_stream_end(tx_q, &g_pkt_counter, &swu_data->pkg_file);
-        // The new package needs a check of its own, whatever thread came before.
         if (event == SM_EVNT_INT_PKG_RECEIVED)
-            swu_data->instatll_thrd_fd = 0;
+            install_expect_package(swu_data);
         break;
     default:
         break;

@@ -4,13 +4,17 @@
 
 #include "lib/sys/swu_assert.h"
 #include "swu/pkg_install.h"
+#include "swu/self_adv.h"
 #include "swu/sys-api.h"
 
 #include <algorithm>
 #include <cerrno>
+#include <chrono>
+#include <condition_variable>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <mutex>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -36,7 +40,12 @@ bool g_swu_reson_given = false;
 
 // Set by the transmit thread when it reaches the empty marker message that
 // the shutdown queues behind everything else: all before it has been sent.
-std::atomic<int> g_tx_flushed{0};
+std::mutex g_tx_drain_lock;
+std::condition_variable g_tx_drain_cv;
+bool g_tx_drained = false;
+
+// Shared by the main thread and the advertisement thread.
+std::atomic<uint16_t> g_seq_num{0};
 
 [[noreturn]] void or_bust(const char *what, int err)
 {
@@ -162,12 +171,12 @@ void swu_stop_threads(swu_data_t *swu_data, thread_desc_t *adv, thread_desc_t *r
     // The last answer (the reboot response) is queued just before the state
     // machine ends; the stop flag would keep the transmit thread from sending it.
     if (tx->thread_id != 0) {
-        g_tx_flushed = 0;
+        std::unique_lock<std::mutex> lock(g_tx_drain_lock);
+        g_tx_drained = false;
         msg_t *marker = msg_alloc(0);
         if (marker != nullptr) {
             ilq_enqueue(&swu_data->msg_q[TX_MSG_Q], &marker->node);
-            for (int i = 0; i < 1000 && g_tx_flushed == 0; i++)
-                usleep(1000);
+            g_tx_drain_cv.wait_for(lock, std::chrono::seconds(1), [] { return g_tx_drained; });
         }
     }
     g_to_exit = 1;
@@ -202,9 +211,7 @@ void *rx_thrd_proc(void *arg)
                 break;
             // A sender faster than the state machine is dropped like an
             // overflowing socket buffer rather than let to exhaust memory.
-            int queued = 0;
-            sem_getvalue(&desc->msg_q->elem_count_sem, &queued);
-            if (queued >= SWU_RX_QUEUE_MAX)
+            if (ilq_length(desc->msg_q) >= SWU_RX_QUEUE_MAX)
                 continue;
             msg_t *msg = msg_alloc(static_cast<uint32_t>(n));
             if (msg == nullptr)
@@ -232,7 +239,11 @@ void *tx_thrd_proc(void *arg)
             if (held != nullptr && held->buffer_size == 0) {
                 free(held);
                 held = nullptr;
-                g_tx_flushed = 1;
+                {
+                    std::lock_guard<std::mutex> lock(g_tx_drain_lock);
+                    g_tx_drained = true;
+                }
+                g_tx_drain_cv.notify_all();
             } else if (held != nullptr) {
                 size = std::min<uint32_t>(held->buffer_size, sizeof(buff));
                 msg_to_buff(held, buff, size, &dest);
@@ -310,4 +321,24 @@ int msg_opcode(const msg_t *msg)
 {
     SWU_ASSERT(msg != NULL);
     return proto_get_opcode(reinterpret_cast<const uint8_t *>(msg->buffer), msg->buffer_size);
+}
+
+uint16_t get_seq_num()
+{
+    // fetch_add wraps modulo 2^16, so the increment and the read stay one step.
+    return static_cast<uint16_t>(g_seq_num.fetch_add(1, std::memory_order_relaxed) + 1);
+}
+
+void debug_print_hdr(msg_hdr_t *hdr)
+{
+    SWU_ASSERT(hdr);
+    printf("[HEADER] seq num: %d\topcode: 0x%X\n", hdr->seq_num, hdr->opcode);
+}
+
+swu_data_t *swu_context(fsm_t *sm)
+{
+    SWU_ASSERT(sm != NULL);
+    auto *swu_data = static_cast<swu_data_t *>(fsm_get_data(sm));
+    SWU_ASSERT(swu_data != NULL);
+    return swu_data;
 }

@@ -1,8 +1,9 @@
-// The update service: its context, the queued datagram record, the receive
-// and transmit threads, the self-advertisement, and the state handlers with
-// the request operations they share.
+// The update service's runtime: its context, the queued datagram record, the
+// command line, and the receive and transmit threads between the protocol
+// socket and the queues.
 //
-// The state handlers run on the main thread inside the state machine engine
+// The state handlers (conn_handlers.h, stream_handlers.h,
+// install_handlers.h) run on the main thread inside the state machine engine
 // and see the network only through the context's two queues: each call takes
 // at most one received msg_t (and frees it), puts any answer on the transmit
 // queue, and returns an event. Everything process-wide below belongs to the
@@ -12,8 +13,8 @@
 #include "lib/sys/ilist_queue.h"
 #include "lib/sys/timer.h"
 #include "lib/udp_sock/udp_sock.h"
+#include "proto/protocol.h"
 #include "swu/fsm.h"
-#include "swu/protocol.h"
 
 #include <atomic>
 #include <cstddef>
@@ -45,16 +46,8 @@ enum swu_ret_values {
     INVL_MAGIC = 4,
 };
 
-enum sizes {
-    _1K = 1024,
-    _1M = 1048576,
-};
-
 // Package bytes per transfer packet, announced to the client as payload_max.
 inline constexpr uint32_t PAYLOAD_SIZE = PROTO_PAYLOAD_MAX;
-inline constexpr uint64_t MAX_UPDATE_PKG_SIZE = 600ull * _1M;
-// g_pkg_name: at most 99 characters and the terminator.
-inline constexpr size_t PKG_NAME_SIZE = 100;
 
 inline constexpr size_t SWU_DATAGRAM_BUFF_SIZE = PROTO_DATAGRAM_MAX;
 inline constexpr int SWU_RCVBUF_SIZE = 2097152;
@@ -144,15 +137,6 @@ void swu_stop_threads(swu_data_t *swu_data, thread_desc_t *adv, thread_desc_t *r
 // The threads; `arg` is a thread_desc_t *, which each returns.
 void *rx_thrd_proc(void *arg);
 void *tx_thrd_proc(void *arg);
-// The advertisement goes to PROTO_ADV_GROUP:PROTO_ADV_PORT every 3 seconds;
-// returns null.
-void *self_adv_thrd_proc(void *arg);
-
-// Fills the advertisement's fixed part: opcode, ports, installed version (from
-// the card's version file), factory version (reason bit 4 only), conf_ver,
-// terminal type and identity (from configuration block 0). The connection
-// status and sequence number are set per cycle by the thread.
-void self_adv_build(self_adv_t *adv);
 
 void buff_to_msg(msg_t *msg, char *buff, uint32_t size, struct sockaddr_in *client_addr);
 void msg_to_buff(msg_t *msg, char *buff, uint32_t size, struct sockaddr_in *client_addr);
@@ -168,58 +152,13 @@ void msg_q_drain(ilq_desc_t *q);
 // The datagram's opcode, or -1 when it is shorter than a header.
 int msg_opcode(const msg_t *msg);
 
-// --- Connection and status ---------------------------------------------------
+// The next value of the terminal's one 16-bit sequence counter: 1 for the
+// first message after start, 0 after 65535. Safe from any thread: two calls
+// never return the same value unless 65536 calls lie between them.
+uint16_t get_seq_num();
 
-// The connected client: IP and uma_rx_port (network order); all zero when none.
-extern struct sockaddr_in g_connected_client_addr;
-// Its uma_stream_port in network order; 0 when none.
-extern uint16_t g_connected_client_stream_port;
+// Writes "[HEADER] seq num: %d\topcode: 0x%X\n" for `hdr`. Asserts `hdr`.
+void debug_print_hdr(msg_hdr_t *hdr);
 
-// 0 when the request may connect (app_id not 0), 1 otherwise. Logs it.
-int validate_connection_request(conection_request_t *con_req);
-// SM_EVNT_INT_CONNECTED when the connection is confirmed, else SM_EVNT_NO_EVENT.
-uint8_t do_connect(ilq_desc_t *q, msg_t *message, stopwatch_t *timer);
-// SM_EVNT_EXT_CONNECTION_REQ after refusing a second client.
-uint8_t do_already_connected(ilq_desc_t *q, msg_t *message);
-// SM_EVNT_EXT_STATUS_REQ when answered, SM_EVNT_NO_EVENT for another sender,
-// SM_EVNT_INT_ERROR without memory.
-uint8_t do_status_request(ilq_desc_t *q, msg_t *message, stopwatch_t *timer);
-// Ends the session: drops the package being received, forgets the client,
-// clears the connection flag, signals the installation thread once; *event =
-// SM_EVNT_INT_TIMEOUT.
-void on_timeout(swu_data_t *swu_data, uint8_t *event);
-// Closes and deletes the package file being received; unlink's result.
-int cleanup_pkg_file();
-
-// --- Package stream ------------------------------------------------------------
-
-extern char g_pkg_name[PKG_NAME_SIZE];
-extern int g_pkg_fd; // 0 when no package file is open
-extern uint32_t g_pkg_size;
-extern uint32_t g_expected_n_pkts;
-extern uint64_t g_pkt_counter;
-// The segment number the next in-order packet carries.
-extern uint64_t seg_sequential_counter;
-
-uint8_t do_stream_request(ilq_desc_t *q, msg_t *request);
-// 0 when the request is acceptable and its file is created and reserved; -1
-// with the status code set otherwise. `buf_size` is the datagram's length.
-int do_stream_request_validation(file_transfer_request_t *ftr, ssize_t buf_size);
-// 1 when all `len` characters are letters, digits, '.', '_' or '-'.
-int is_string(char *str, uint32_t len);
-uint32_t calc_num_pckts(uint32_t pkg_size);
-uint8_t do_transfer(ilq_desc_t *q, msg_t *request, uint64_t *pkt_counter, char **pkg_file);
-uint8_t do_stream_end(ilq_desc_t *q, uint64_t *pkt_counter, char **pkg_file);
-// Unmaps *pkg_file when mapped, and closes and deletes a package file that is
-// still open: what an unfinished stream leaves behind.
-void release_pkg_file(char **pkg_file);
-
-// --- Verification, upgrade, error, finish -------------------------------------------------
-
-// Monotonic second of the finish state's first call; 0 when not running.
-extern uint64_t finish_state_start_time;
-// Non-zero while an installation thread started by this process runs.
-extern std::atomic<int> g_install_thrd_alive;
-
-uint8_t do_error_received(ilq_desc_t *q, msg_t *message);
-uint8_t do_terminal_reboot_request(ilq_desc_t *q, msg_t *message);
+// The service context of a state machine's handler. Asserts both.
+swu_data_t *swu_context(fsm_t *sm);

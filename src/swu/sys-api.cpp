@@ -1,25 +1,24 @@
 #include "swu/sys-api.h"
 
 #include "lib/sys/swu_assert.h"
+#include "lib/sys/unique_fd.h"
 #include "platform/platform.h"
 
 #include <cstdio>
 #include <fcntl.h>
-#include <unistd.h>
 
-namespace {
+namespace
+{
 
 // One request on a freshly opened device, as the driver expects.
 int misc_request(unsigned long request, uint32_t *value)
 {
-    int fd = plat_open("/dev/ovmisc", O_RDWR | O_CLOEXEC);
-    if (fd < 0) {
+    unique_fd fd(plat_open("/dev/ovmisc", O_RDWR | O_CLOEXEC));
+    if (!fd.valid()) {
         puts("Failed to open power interface device.");
         return -1;
     }
-    int ret = plat_misc_request(fd, request, value);
-    close(fd);
-    if (ret < 0) {
+    if (plat_misc_request(fd.get(), request, value) < 0) {
         puts("ioctl failed.");
         return -1;
     }
@@ -45,11 +44,11 @@ uint8_t sys_api_get_swu_reson_reg()
     sys_api_get_initiate_update_reg(&initiate);
     sys_api_get_err_boot_reg(&err_boot);
 
-    uint8_t reason = initiate == SYS_API_INITIATE_UPDATE_VALUE ? 1 : 0;
+    uint8_t reason = initiate == SYS_API_INITIATE_UPDATE_VALUE ? SWU_REASON_UPDATE_REQUESTED : 0;
     if (err_boot == SYS_API_ERR_BOOT_VALUE)
-        reason |= 2;
+        reason |= SWU_REASON_ERROR_BOOT;
     if (err_boot == SYS_API_ERR_BOOT_KEEP_MCU_VALUE)
-        reason |= 6;
+        reason |= SWU_REASON_ERROR_BOOT | SWU_REASON_KEEP_MCU;
     return reason;
 }
 
@@ -61,14 +60,13 @@ int sys_api_set_reboot_mode_production()
 
 int sys_api_force_reboot()
 {
-    int fd = plat_open("/dev/ovmisc", O_RDWR | O_CLOEXEC);
-    if (fd < 0) {
+    unique_fd fd(plat_open("/dev/ovmisc", O_RDWR | O_CLOEXEC));
+    if (!fd.valid()) {
         puts("Failed to open power interface device.");
         return -1;
     }
     plat_reboot();
     puts("ioctl failed.");
-    close(fd);
     return -1;
 }
 
@@ -81,8 +79,17 @@ int sys_api_get_factory_fw_version(uint16_t *arr, size_t size)
     return -1;
 }
 
-uint8_t stub_get_power_source() { return SWU_PWR_SRC_EXTERNAL; }
+uint8_t stub_get_power_source()
+{
+    return SWU_PWR_SRC_EXTERNAL;
+}
 
-uint8_t stub_get_battery_status() { return 80; }
+uint8_t stub_get_battery_status()
+{
+    return 80;
+}
 
-uint8_t get_term_type() { return SWU_TERM_TYPE_DYNAMIC; }
+uint8_t get_term_type()
+{
+    return SWU_TERM_TYPE_DYNAMIC;
+}

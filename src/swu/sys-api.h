@@ -4,24 +4,10 @@
 // factory firmware version.
 #pragma once
 
+#include "proto/codes.h"
+
 #include <cstddef>
 #include <cstdint>
-
-enum swu_power_source {
-    SWU_PWR_SRC_BATTERY = 0,
-    SWU_PWR_SRC_EXTERNAL = 1,
-};
-
-enum swu_power_status {
-    // Least battery charge (percent) with which a battery-powered terminal
-    // accepts a connection.
-    SWU_PWR_SRC_MIN_BATTERY_ALOWED = 60,
-};
-
-enum term_type {
-    SWU_TERM_TYPE_STATIC = 0,
-    SWU_TERM_TYPE_DYNAMIC = 1,
-};
 
 // Register values that carry meaning.
 inline constexpr uint32_t SYS_API_INITIATE_UPDATE_VALUE = 0xFAACABBA;

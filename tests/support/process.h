@@ -1,21 +1,22 @@
-// A program run by a test: started with its own working directory, its
-// standard output and error read through a pseudo-terminal (so that the
-// program's stdio buffers by line, as on a console) and kept in memory and in
-// a log file, waited for with a deadline, and stopped at the end of the test
-// at the latest.
+// The one way tests start programs: a child with its own working directory,
+// its standard output and error read through a pseudo-terminal (so that its
+// stdio buffers by line, as on a console) and kept in memory, waited for with
+// a deadline, and stopped at the end of the test at the latest. run_to_end()
+// runs a command to its end and collects what it wrote.
 #pragma once
 
-#include <atomic>
+#include <gtest/gtest.h>
+
 #include <cerrno>
 #include <chrono>
 #include <condition_variable>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
 #include <fcntl.h>
+#include <fstream>
+#include <iterator>
 #include <mutex>
-#include <poll.h>
 #include <string>
 #include <sys/prctl.h>
 #include <sys/wait.h>
@@ -23,8 +24,6 @@
 #include <thread>
 #include <unistd.h>
 #include <vector>
-
-extern char **environ;
 
 class TestProcess
 {
@@ -34,16 +33,14 @@ class TestProcess
     TestProcess(const TestProcess &) = delete;
     TestProcess &operator=(const TestProcess &) = delete;
 
-    // Starts `argv` (argv[0] a path) in `cwd` with the test's environment;
-    // its output is appended to `log_path`. False when it could not start.
-    bool start(const std::vector<std::string> &argv, const std::string &cwd,
-               const std::string &log_path)
+    // Starts `argv` (argv[0] a path, or a name looked up in PATH) in `cwd`
+    // with the test's environment. False when it could not start.
+    bool start(const std::vector<std::string> &argv, const std::string &cwd)
     {
         int master = posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC);
-        if (master < 0 || grantpt(master) != 0 || unlockpt(master) != 0)
-            return false;
         char name[128];
-        if (ptsname_r(master, name, sizeof(name)) != 0)
+        if (master < 0 || grantpt(master) != 0 || unlockpt(master) != 0 ||
+            ptsname_r(master, name, sizeof(name)) != 0)
             return false;
         int slave = open(name, O_RDWR | O_NOCTTY | O_CLOEXEC);
         if (slave < 0)
@@ -52,7 +49,6 @@ class TestProcess
         tcgetattr(slave, &t);
         cfmakeraw(&t); // keep the text as written: no "\r\n"
         tcsetattr(slave, TCSANOW, &t);
-        log_ = fopen(log_path.c_str(), "a");
 
         // Everything the child needs is prepared before fork: the test
         // process has threads, so the child may only exec.
@@ -61,8 +57,6 @@ class TestProcess
         for (auto &a : args)
             cargv.push_back(a.data());
         cargv.push_back(nullptr);
-        std::string dir = cwd;
-
         pid_ = fork();
         if (pid_ < 0)
             return false;
@@ -72,9 +66,9 @@ class TestProcess
             dup2(slave, 0);
             dup2(slave, 1);
             dup2(slave, 2);
-            if (chdir(dir.c_str()) != 0)
+            if (chdir(cwd.c_str()) != 0)
                 _exit(126);
-            execve(cargv[0], cargv.data(), environ);
+            execvp(cargv[0], cargv.data());
             _exit(127);
         }
         close(slave);
@@ -83,19 +77,16 @@ class TestProcess
         return true;
     }
 
-    pid_t pid() const { return pid_; }
-
-    // True once the process has ended (its status is then in exit_status()).
     bool ended()
     {
-        reap(false);
+        if (pid_ > 0 && !ended_ && waitpid(pid_, &status_, WNOHANG) == pid_)
+            ended_ = true;
         return ended_;
     }
-    // The wait status of the ended process.
-    int exit_status() const { return status_; }
+    // The exit code, or -1 while running or after a signal.
+    int exit_code() { return ended() && WIFEXITED(status_) ? WEXITSTATUS(status_) : -1; }
 
-    // Waits for the end of the process; false when it still runs at the
-    // deadline.
+    // False when it still runs at the deadline.
     bool wait_end(std::chrono::milliseconds timeout)
     {
         auto deadline = std::chrono::steady_clock::now() + timeout;
@@ -107,29 +98,26 @@ class TestProcess
         return true;
     }
 
-    // Asks the process to end, then kills it; collects its output.
+    // Asks the process to end, then kills it and whatever it started (which
+    // would hold the terminal open); collects its output.
     void stop()
     {
         if (pid_ > 0 && !ended()) {
             kill(pid_, SIGTERM);
             if (!wait_end(std::chrono::seconds(3))) {
                 kill(pid_, SIGKILL);
-                reap(true);
+                waitpid(pid_, &status_, 0);
+                ended_ = true;
             }
         }
-        // Whatever the program started and left behind (its own group)
-        // would hold the terminal open.
-        if (pid_ > 0 && !group_stopped_)
+        if (pid_ > 0)
             kill(-pid_, SIGKILL);
-        group_stopped_ = true;
+        pid_ = -1;
         if (reader_.joinable())
             reader_.join();
         if (master_ >= 0)
             close(master_);
         master_ = -1;
-        if (log_ != nullptr)
-            fclose(log_);
-        log_ = nullptr;
     }
 
     std::string output() const
@@ -141,11 +129,7 @@ class TestProcess
     size_t count(const std::string &needle) const
     {
         std::lock_guard<std::mutex> lock(mutex_);
-        size_t n = 0;
-        for (size_t at = output_.find(needle); at != std::string::npos;
-             at = output_.find(needle, at + needle.size()))
-            n++;
-        return n;
+        return occurrences(needle);
     }
 
     // Waits until `needle` has appeared `times` times in the output.
@@ -153,31 +137,20 @@ class TestProcess
                      size_t times = 1) const
     {
         std::unique_lock<std::mutex> lock(mutex_);
-        auto seen = [&] {
-            size_t n = 0;
-            for (size_t at = output_.find(needle); at != std::string::npos && n < times;
-                 at = output_.find(needle, at + needle.size()))
-                n++;
-            return n >= times;
-        };
-        return changed_.wait_for(lock, timeout, seen);
+        return changed_.wait_for(lock, timeout, [&] { return occurrences(needle) >= times; });
     }
 
   private:
-    void reap(bool block)
+    size_t occurrences(const std::string &needle) const
     {
-        if (pid_ <= 0 || ended_)
-            return;
-        int st = 0;
-        pid_t r = waitpid(pid_, &st, block ? 0 : WNOHANG);
-        if (r == pid_) {
-            ended_ = true;
-            status_ = st;
-        }
+        size_t n = 0;
+        for (size_t at = 0; (at = output_.find(needle, at)) != std::string::npos;
+             at += needle.size())
+            n++;
+        return n;
     }
 
-    // Runs until every holder of the terminal's other side has closed it
-    // (the program and whatever it started).
+    // Runs until every holder of the terminal's other side has closed it.
     void read_output()
     {
         char buf[4096];
@@ -187,10 +160,6 @@ class TestProcess
                 continue;
             if (n <= 0)
                 break;
-            if (log_ != nullptr) {
-                fwrite(buf, 1, static_cast<size_t>(n), log_);
-                fflush(log_);
-            }
             {
                 std::lock_guard<std::mutex> lock(mutex_);
                 output_.append(buf, static_cast<size_t>(n));
@@ -201,12 +170,48 @@ class TestProcess
 
     pid_t pid_ = -1;
     bool ended_ = false;
-    bool group_stopped_ = false;
     int status_ = 0;
     int master_ = -1;
-    FILE *log_ = nullptr;
     std::thread reader_;
     mutable std::mutex mutex_;
     mutable std::condition_variable changed_;
     std::string output_;
 };
+
+struct run_result {
+    int exit_code = -1; // -1: did not end in time, or ended by a signal
+    std::string out;    // standard output (with `tty`: everything)
+    std::string err;    // standard error
+};
+
+// Runs `argv` in `cwd` to its end. With `tty` its output goes to a terminal;
+// otherwise standard output goes to a file in `cwd`, read back, and standard
+// input is /dev/null.
+inline run_result run_to_end(const std::vector<std::string> &argv, const std::string &cwd,
+                             bool tty = false,
+                             std::chrono::milliseconds timeout = std::chrono::seconds(90))
+{
+    run_result r;
+    std::vector<std::string> args = argv;
+    const std::string out_file = cwd + "/.run-stdout";
+    if (!tty)
+        args.insert(
+            args.begin(),
+            {"/bin/sh", "-c", "out=$1; shift; exec \"$@\" >\"$out\" </dev/null", "sh", out_file});
+    TestProcess p;
+    if (!p.start(args, cwd)) {
+        ADD_FAILURE() << "cannot start " << argv[0];
+        return r;
+    }
+    EXPECT_TRUE(p.wait_end(timeout)) << argv[0] << " still ran after " << timeout.count() << " ms";
+    r.exit_code = p.exit_code();
+    p.stop();
+    if (tty) {
+        r.out = p.output();
+    } else {
+        std::ifstream in(out_file, std::ios::binary);
+        r.out.assign(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+        r.err = p.output();
+    }
+    return r;
+}

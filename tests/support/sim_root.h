@@ -1,5 +1,5 @@
 // A fresh simulation root per test: a temporary directory named by SWU_ROOT,
-// removed again afterwards.
+// optionally the working directory too, removed again afterwards.
 #pragma once
 
 #include <cstdint>
@@ -9,7 +9,8 @@
 #include <string>
 #include <vector>
 
-class SimRoot {
+class SimRoot
+{
   public:
     SimRoot()
     {
@@ -25,6 +26,8 @@ class SimRoot {
     ~SimRoot()
     {
         std::error_code ec;
+        if (!old_cwd_.empty())
+            std::filesystem::current_path(old_cwd_, ec);
         std::filesystem::remove_all(dir_, ec);
         if (previous_.empty())
             unsetenv("SWU_ROOT");
@@ -35,6 +38,12 @@ class SimRoot {
     SimRoot &operator=(const SimRoot &) = delete;
 
     const std::string &dir() const { return dir_; }
+    // Makes the root the working directory until the root goes.
+    void enter()
+    {
+        old_cwd_ = std::filesystem::current_path();
+        std::filesystem::current_path(dir_);
+    }
     // The host path of a path inside the root ("dev/ovmisc").
     std::string path(const std::string &rel) const { return dir_ + "/" + rel; }
 
@@ -54,8 +63,9 @@ class SimRoot {
     // Makes the next `count` calls of a seam operation fail (count 0: every call).
     void fail(const std::string &op, int count = 1, int err = 5) const
     {
-        write("sim/fail/" + op, count == 0 ? std::string() : std::to_string(count) + " " +
-                                                               std::to_string(err) + "\n");
+        write("sim/fail/" + op, count == 0
+                                    ? std::string()
+                                    : std::to_string(count) + " " + std::to_string(err) + "\n");
     }
 
     // The register device with its three little-endian values.
@@ -71,4 +81,5 @@ class SimRoot {
   private:
     std::string dir_;
     std::string previous_;
+    std::filesystem::path old_cwd_;
 };

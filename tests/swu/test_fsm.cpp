@@ -130,28 +130,3 @@ TEST(FsmRun, PrintsOneLinePerStepAndStopsOnTheEndEventInTheEndState)
                    "[fsm_run][event : 0]\t[state : 6]\n"
                    "[fsm_run][event : 11]\t[state : 6]\n");
 }
-
-TEST(FsmRun, EndEventOutsideTheEndStateEndsTheProcess)
-{
-    fflush(stdout);
-    script s;
-    s.events = {SM_EVNT_INT_CONNECTED, SM_EVNT_INT_UPDATE_DONE};
-    EXPECT_EXIT(run_to_death(SM_STATE_IDLE, SM_EVNT_NO_EVENT, kVec<scripted_handler>, s),
-                testing::ExitedWithCode(249),
-                "event : 11\\]\t\\[state : 1\\]\ninvalid index translation table index !!!!");
-}
-
-TEST(FsmInit, UsesTheServiceHandlersInStateOrderAndKeepsTheData)
-{
-    const fsm_handler_t expected[] = {
-        state_handler_idle,    state_handler_connected, state_handler_stream, state_handler_verify,
-        state_handler_upgrade, state_handler_error,     state_handler_finish, nullptr};
-    int data = 0;
-    fsm_t sm;
-    fsm_init(&sm, SM_STATE_ERROR, &data);
-    EXPECT_EQ(sm.curr_state, SM_STATE_ERROR);
-    EXPECT_EQ(fsm_get_data(&sm), &data);
-    EXPECT_EQ(sm.transition_tbl_size, 72);
-    for (int i = 0; i <= SM_STATE_COUNT; ++i)
-        EXPECT_EQ(sm.handler_vec[i], expected[i]) << "state " << i;
-}

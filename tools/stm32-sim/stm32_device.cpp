@@ -2,6 +2,7 @@
 
 #include "lib/st_control/stm_com/zynq_st_uart_link.h"
 #include "lib/st_control/stm_com/zynq_st_uart_prot.h"
+#include "lib/sys/le_bytes.h"
 
 #include <cstdio>
 #include <cstring>
@@ -131,8 +132,8 @@ std::optional<std::vector<uint8_t>> stm32_device::handle(uint8_t opc, const uint
 
     case STM32_VERSION_REQ: {
         std::vector<uint8_t> p(8);
-        put_le32(&p[0], api_version_);
-        put_le32(&p[4], boot_version_);
+        le_put32(&p[0], api_version_);
+        le_put32(&p[4], boot_version_);
         return p;
     }
 
@@ -192,7 +193,7 @@ std::optional<std::vector<uint8_t>> stm32_device::handle(uint8_t opc, const uint
     case STM32_PROGRAM_START: {
         if (!in_boot || !erased_ || len != 4)
             return ack(STM32_NAK);
-        uint32_t size = get_le32(data);
+        uint32_t size = le_get32(data);
         if (size % 8 != 0 || size > SIM_FLASH_AREA)
             return ack(STM32_NAK);
         announced_ = size;
@@ -213,7 +214,7 @@ std::optional<std::vector<uint8_t>> stm32_device::handle(uint8_t opc, const uint
         if (opt_.wrong_verify)
             crc ^= 0x00000001;
         std::vector<uint8_t> p(4);
-        put_le32(p.data(), crc);
+        le_put32(p.data(), crc);
         p.resize(static_cast<size_t>(opt_.verify_len), 0);
         return p;
     }
@@ -244,7 +245,7 @@ std::optional<std::vector<uint8_t>> stm32_device::handle(uint8_t opc, const uint
     case STM32_PROGRAM_READ: {
         if (len != 5)
             return std::vector<uint8_t>{};
-        uint32_t addr = get_le32(data);
+        uint32_t addr = le_get32(data);
         size_t want = opt_.read_chunk > 0 ? static_cast<size_t>(opt_.read_chunk) : data[4];
         if (addr < SIM_FLASH_BASE || addr - SIM_FLASH_BASE >= flash_.size())
             return std::vector<uint8_t>{};

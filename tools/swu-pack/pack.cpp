@@ -1,6 +1,7 @@
 #include "pack.h"
 
-#include "swu/pkg_footer.h"
+#include "lib/sys/unique_fd.h"
+#include "proto/package.h"
 
 #include <archive.h>
 #include <archive_entry.h>
@@ -14,21 +15,6 @@
 
 namespace
 {
-
-// The terminal keeps an artifact's name with its terminator in 128 bytes.
-constexpr size_t MAX_NAME_LEN = 127;
-
-struct fd_guard {
-    int fd;
-    explicit fd_guard(int f) : fd(f) {}
-    ~fd_guard()
-    {
-        if (fd >= 0)
-            close(fd);
-    }
-    fd_guard(const fd_guard &) = delete;
-    fd_guard &operator=(const fd_guard &) = delete;
-};
 
 struct archive_out {
     int fd;
@@ -97,7 +83,7 @@ int add_member(struct archive *a, const pack_member &m, std::string *err)
     archive_entry_set_uname(entry.get(), "root");
     archive_entry_set_gname(entry.get(), "root");
 
-    int src_fd = -1;
+    unique_fd src;
     switch (m.kind) {
     case PACK_FILE:
         archive_entry_set_filetype(entry.get(), AE_IFREG);
@@ -105,12 +91,10 @@ int add_member(struct archive *a, const pack_member &m, std::string *err)
         if (m.source.empty()) {
             archive_entry_set_size(entry.get(), static_cast<la_int64_t>(m.data.size()));
         } else {
-            src_fd = open(m.source.c_str(), O_RDONLY | O_CLOEXEC);
+            src.reset(open(m.source.c_str(), O_RDONLY | O_CLOEXEC));
             struct stat st;
-            if (src_fd < 0 || fstat(src_fd, &st) != 0) {
+            if (!src.valid() || fstat(src.get(), &st) != 0) {
                 *err = "cannot read '" + m.source + "': " + strerror(errno);
-                if (src_fd >= 0)
-                    close(src_fd);
                 return -1;
             }
             archive_entry_set_size(entry.get(), st.st_size);
@@ -132,15 +116,13 @@ int add_member(struct archive *a, const pack_member &m, std::string *err)
         archive_entry_set_hardlink(entry.get(), m.link.c_str());
         break;
     }
-    fd_guard src(src_fd);
-
     if (archive_write_header(a, entry.get()) != ARCHIVE_OK) {
         *err = archive_error_string(a);
         return -1;
     }
     if (m.kind != PACK_FILE)
         return 0;
-    if (src.fd < 0) {
+    if (!src.valid()) {
         if (!m.data.empty() && archive_write_data(a, m.data.data(), m.data.size()) < 0) {
             *err = archive_error_string(a);
             return -1;
@@ -149,7 +131,7 @@ int add_member(struct archive *a, const pack_member &m, std::string *err)
     }
     static thread_local uint8_t chunk[65536];
     for (;;) {
-        ssize_t n = read(src.fd, chunk, sizeof chunk);
+        ssize_t n = read(src.get(), chunk, sizeof chunk);
         if (n < 0 && errno == EINTR)
             continue;
         if (n < 0) {
@@ -227,9 +209,9 @@ std::string pack_name_problem(const std::string &name)
 {
     if (name.empty() || name == "." || name == "..")
         return "'" + name + "' is not a file name";
-    if (name.size() > MAX_NAME_LEN)
+    if (name.size() > ARTIFACT_NAME_MAX_LEN)
         return "the name has " + std::to_string(name.size()) +
-               " bytes; the terminal takes at most " + std::to_string(MAX_NAME_LEN);
+               " bytes; the terminal takes at most " + std::to_string(ARTIFACT_NAME_MAX_LEN);
     for (unsigned char c : name) {
         if (c < 0x20 || c == 0x7F)
             return "the name holds a control character, which the card's FAT file system can't "
@@ -267,12 +249,12 @@ int pack_write(const std::string &out_path, const std::vector<pack_member> &memb
 int pack_verify(const std::string &path, pack_report *report, std::string *err)
 {
     *report = pack_report{};
-    int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
-    if (fd < 0) {
+    unique_fd guard(open(path.c_str(), O_RDONLY | O_CLOEXEC));
+    if (!guard.valid()) {
         *err = "cannot open '" + path + "': " + strerror(errno);
         return -1;
     }
-    fd_guard guard(fd);
+    const int fd = guard.get();
     struct stat st;
     if (fstat(fd, &st) != 0) {
         *err = "cannot examine '" + path + "': " + strerror(errno);

@@ -1,5 +1,5 @@
 // Building and checking update packages: a gzip-compressed tar archive
-// followed by the 12-byte footer the terminal checks (see swu/pkg_footer.h).
+// followed by the 12-byte footer the terminal checks (see proto/package.h).
 //
 // pack_write writes whatever members it is given, so tests can also build
 // archives the terminal must refuse; the swu-pack tool admits only members

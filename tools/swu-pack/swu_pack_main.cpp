@@ -7,7 +7,7 @@
 // top of the archive under their base names, with names its card can hold.
 #include "pack.h"
 
-#include "swu/pkg_footer.h"
+#include "proto/package.h"
 
 #include <CLI/CLI.hpp>
 #include <cctype>

@@ -2,6 +2,7 @@
 
 #include "lib/st_control/logFile.h"
 #include "lib/st_control/stm_com/zynq_st_uart_prot.h"
+#include "lib/sys/unique_fd.h"
 #include "platform/platform.h"
 
 #include <cstdint>
@@ -25,24 +26,6 @@ struct ledCtrl_t {
     uint8_t r0w1;
     uint32_t blink;
     uint32_t color;
-};
-
-// Closes the descriptor on every way out of the call.
-class unique_fd
-{
-  public:
-    explicit unique_fd(int fd) : fd_(fd) {}
-    ~unique_fd()
-    {
-        if (fd_ >= 0)
-            close(fd_);
-    }
-    unique_fd(const unique_fd &) = delete;
-    unique_fd &operator=(const unique_fd &) = delete;
-    int get() const { return fd_; }
-
-  private:
-    int fd_;
 };
 
 } // namespace

@@ -93,6 +93,14 @@ int ilq_is_empty(ilq_desc_t *q)
     return ilist_is_empty(&q->list);
 }
 
+int ilq_length(ilq_desc_t *q)
+{
+    SWU_ASSERT(q != NULL);
+    int count = 0;
+    sem_getvalue(&q->elem_count_sem, &count);
+    return count;
+}
+
 void ilq_release(ilq_desc_t *q)
 {
     SWU_ASSERT(q != NULL);

@@ -40,6 +40,10 @@ ilist_node_t *ilq_dequeue(ilq_desc_t *q);
 // thread that owns the queue at the time (draining at shutdown).
 int ilq_is_empty(ilq_desc_t *q);
 
+// Queued nodes plus pending releases, as the semaphore counts them: a
+// snapshot, which other threads may change at once.
+int ilq_length(ilq_desc_t *q);
+
 // Posts once without queuing anything, so one blocked or later dequeue
 // returns at once (null if the list is empty).
 void ilq_release(ilq_desc_t *q);

@@ -1,5 +1,6 @@
 #include "lib/sys/terminal_config.h"
 
+#include "lib/sys/unique_fd.h"
 #include "platform/platform.h"
 
 #include <cerrno>
@@ -16,19 +17,6 @@ namespace
 constexpr const char *CONFIG0_DEV = "/dev/mtd0";
 constexpr const char *CONFIG1_DEV = "/dev/mtd1";
 
-// Closes the device on every path out of a call.
-struct device_fd {
-    int fd;
-    explicit device_fd(int d) : fd(d) {}
-    device_fd(const device_fd &) = delete;
-    device_fd &operator=(const device_fd &) = delete;
-    ~device_fd()
-    {
-        if (fd >= 0)
-            close(fd);
-    }
-};
-
 } // namespace
 
 int read_config(const char *dev, char *buff, uint32_t buff_size)
@@ -38,12 +26,12 @@ int read_config(const char *dev, char *buff, uint32_t buff_size)
         return -1;
     memset(buff, 0, buff_size);
 
-    device_fd dev_fd(plat_open(dev, O_RDWR));
-    if (dev_fd.fd < 0) {
+    unique_fd dev_fd(plat_open(dev, O_RDWR));
+    if (!dev_fd.valid()) {
         printf("%s: open config failed. err:%s\n", __func__, strerror(errno));
         return -1;
     }
-    if (plat_read(dev_fd.fd, buff, buff_size) < 0) {
+    if (plat_read(dev_fd.get(), buff, buff_size) < 0) {
         printf("%s: read config failed. err:%s\n", __func__, strerror(errno));
         return -1;
     }
@@ -69,16 +57,16 @@ int write_config(const char *usr_buff, uint32_t buff_size)
     if (usr_buff == NULL && buff_size != 0)
         return -1;
 
-    device_fd dev_fd(plat_open(CONFIG1_DEV, O_RDWR));
-    if (dev_fd.fd < 0) {
+    unique_fd dev_fd(plat_open(CONFIG1_DEV, O_RDWR));
+    if (!dev_fd.valid()) {
         printf("%s: open config failed. err:%s\n", __func__, strerror(errno));
         return -1;
     }
-    if (plat_mtd_erase(dev_fd.fd, 0, TERMINAL_CONFIG_REGION_SIZE) != 0) {
+    if (plat_mtd_erase(dev_fd.get(), 0, TERMINAL_CONFIG_REGION_SIZE) != 0) {
         printf("%s: err on memerase: %s\n", __func__, strerror(errno));
         return -1;
     }
-    if (lseek(dev_fd.fd, 0, SEEK_SET) < 0) {
+    if (lseek(dev_fd.get(), 0, SEEK_SET) < 0) {
         printf("%s: err on lseek: %s\n", __func__, strerror(errno));
         return -1;
     }
@@ -93,7 +81,7 @@ int write_config(const char *usr_buff, uint32_t buff_size)
         memcpy(staging.get(), usr_buff, buff_size);
 
     // A short write leaves the region partly written: a failure like any other.
-    ssize_t written = plat_write(dev_fd.fd, staging.get(), TERMINAL_CONFIG_REGION_SIZE);
+    ssize_t written = plat_write(dev_fd.get(), staging.get(), TERMINAL_CONFIG_REGION_SIZE);
     if (written != static_cast<ssize_t>(TERMINAL_CONFIG_REGION_SIZE)) {
         if (written >= 0)
             errno = EIO;

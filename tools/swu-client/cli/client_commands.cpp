@@ -122,11 +122,11 @@ std::string reason_text(unsigned bits)
         return "none";
     std::string t;
     auto add = [&](const char *s) { t += (t.empty() ? "" : ", ") + std::string(s); };
-    if (bits & 1)
+    if (bits & SWU_REASON_UPDATE_REQUESTED)
         add("update requested");
-    if (bits & 2)
+    if (bits & SWU_REASON_ERROR_BOOT)
         add("error boot");
-    if (bits & 4)
+    if (bits & SWU_REASON_KEEP_MCU)
         add("factory firmware kept");
     return t;
 }
@@ -161,7 +161,6 @@ int open_session(swuc_session *s, const client_options &o, const sockaddr_in &te
     swuc_config cfg;
     cfg.terminal = terminal;
     cfg.reply_timeout_ms = o.reply_timeout_ms;
-    cfg.keepalive_ms = 1000;
     cfg.umd_id = "swu-client";
     if (resolve_local(o, &cfg.local_addr) != 0) {
         *err = "bad local address '" + o.local_addr + "'";
@@ -269,7 +268,7 @@ int cmd_status(const client_options &o, const std::string &host)
         if (swuc_connect(&s, &rsp) != 0)
             continue;
         j["connection_status"] = rsp.connection_status;
-        j["power_source"] = rsp.power_source == 0 ? "battery" : "external";
+        j["power_source"] = rsp.power_source == SWU_PWR_SRC_BATTERY ? "battery" : "external";
         j["battery"] = rsp.bettery_status;
         j["update_reason_bits"] = rsp.swu_mode_reason_bitfield;
         if (rsp.connection_status == SWU_CON_RES_BATTERY_TOO_LOW)
@@ -278,7 +277,8 @@ int cmd_status(const client_options &o, const std::string &host)
                               " %)");
         if (rsp.connection_status == SWU_CON_RES_CONNECTION_CONFIRMED) {
             connected = true;
-            connection = std::string(rsp.power_source == 0 ? "battery" : "external power") +
+            connection = std::string(rsp.power_source == SWU_PWR_SRC_BATTERY ? "battery"
+                                                                             : "external power") +
                          ", battery " + std::to_string(rsp.bettery_status) +
                          " %, update reason: " + reason_text(rsp.swu_mode_reason_bitfield);
             remember_ports(terminal, s.port[SWUC_RX], s.port[SWUC_STREAM]);
@@ -314,22 +314,17 @@ namespace
 {
 
 update_params make_params(const client_options &o, const sockaddr_in &terminal,
-                          const std::string &package, const update_settings &u)
+                          const std::string &package, const update_params &u)
 {
-    update_params p;
+    update_params p = u;
     p.terminal = terminal;
     resolve_local(o, &p.local_addr);
     p.rx_port = o.rx_port;
     p.stream_port = o.stream_port;
     p.package_path = package;
-    p.name = u.name.empty() ? std::filesystem::path(package).filename().string() : u.name;
-    p.window = u.window;
-    p.ack_timeout_ms = u.ack_timeout_ms;
+    if (p.name.empty())
+        p.name = std::filesystem::path(package).filename().string();
     p.reply_timeout_ms = o.reply_timeout_ms;
-    p.keepalive_ms = u.keepalive_ms;
-    p.retries = u.retries;
-    p.install_timeout_s = u.install_timeout_s;
-    p.reboot = u.reboot;
     return p;
 }
 
@@ -350,7 +345,7 @@ std::string summary(const update_outcome &out)
 } // namespace
 
 int cmd_update(const client_options &o, const std::string &host, const std::string &package,
-               const update_settings &u)
+               const update_params &u)
 {
     sockaddr_in terminal;
     std::string err;
@@ -377,7 +372,7 @@ int cmd_update(const client_options &o, const std::string &host, const std::stri
     return out.exit_code;
 }
 
-int cmd_update_all(const client_options &o, const std::string &package, const update_settings &u,
+int cmd_update_all(const client_options &o, const std::string &package, const update_params &u,
                    double timeout_s, int parallel)
 {
     if (o.rx_port != 0 || o.stream_port != 0) {

@@ -2,7 +2,7 @@
 // `json`) and returns the process's exit code (swuc_exit_code).
 #pragma once
 
-#include "client_update.h"
+#include "swu-client/lib/client_update.h"
 
 #include <string>
 #include <vector>
@@ -11,27 +11,19 @@ struct client_options {
     std::string local_addr;   // local IPv4 address of the sockets and the group membership; "" any
     uint16_t rx_port = 0;     // 0: ephemeral (or the last session's, for reboot and ack-error)
     uint16_t stream_port = 0; // 0: ephemeral
-    int reply_timeout_ms = 1000;
+    int reply_timeout_ms = SWUC_DEFAULT_REPLY_TIMEOUT_MS;
     bool json = false;
-};
-
-struct update_settings {
-    uint32_t window = 32;
-    int ack_timeout_ms = 20;
-    int keepalive_ms = 1000;
-    int retries = 2;
-    int install_timeout_s = 600;
-    bool reboot = true;
-    std::string name; // "" the package file's base name
 };
 
 int cmd_discover(const client_options &o, double timeout_s);
 int cmd_status(const client_options &o, const std::string &host);
+// `u` holds the update options; its name, when empty, becomes the package
+// file's base name.
 int cmd_update(const client_options &o, const std::string &host, const std::string &package,
-               const update_settings &u);
+               const update_params &u);
 // Discovers for `timeout_s`, updates every free terminal, at most `parallel`
 // at once, and prints a table of the outcomes.
-int cmd_update_all(const client_options &o, const std::string &package, const update_settings &u,
+int cmd_update_all(const client_options &o, const std::string &package, const update_params &u,
                    double timeout_s, int parallel);
 int cmd_reboot(const client_options &o, const std::string &host);
 int cmd_ack_error(const client_options &o, const std::string &host);

@@ -170,16 +170,16 @@ void update_view::on_status(const swuc_status &st)
     last_stage_ = static_cast<int>(st.stage_code);
     const char *what = nullptr;
     switch (st.stage_code) {
-    case SWUC_STAGE_VERIFY:
+    case SM_STATE_VERIFY:
         what = "verifying the package";
         break;
-    case SWUC_STAGE_UPGRADE:
+    case SM_STATE_UPGRADE:
         what = "installing";
         break;
-    case SWUC_STAGE_FINISH:
+    case SM_STATE_FINISH:
         what = "installed";
         break;
-    case SWUC_STAGE_ERROR:
+    case SM_STATE_ERROR:
         what = "error";
         break;
     default:
@@ -229,6 +229,6 @@ nlohmann::json advert_json(const swuc_advert &a)
             {"installed_version", format_version(adv.curr_sw_v)},
             {"factory_version", format_version(adv.factory_sw_v)},
             {"config_version", adv.conf_ver},
-            {"terminal_type", adv.term_type == 0 ? "static" : "dynamic"},
+            {"terminal_type", adv.term_type == SWU_TERM_TYPE_STATIC ? "static" : "dynamic"},
             {"busy", adv.connection_status != SWU_CON_STATUS_AVAIL}};
 }

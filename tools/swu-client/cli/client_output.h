@@ -3,7 +3,7 @@
 // the machine-readable results.
 #pragma once
 
-#include "client_update.h"
+#include "swu-client/lib/client_update.h"
 
 #include <nlohmann/json.hpp>
 

@@ -18,7 +18,7 @@ int main(int argc, char **argv)
     app.footer(swuc_exit_code_help);
 
     client_options o;
-    update_settings u;
+    update_params u;
     double timeout_s = 4;
     int parallel = 4;
     bool all = false;

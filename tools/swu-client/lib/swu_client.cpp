@@ -23,23 +23,19 @@ constexpr int PROGRESS_INTERVAL_MS = 100;
 
 int open_udp(in_addr_t addr, uint16_t port, uint16_t *bound)
 {
-    int fd = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-    if (fd < 0)
+    unique_fd fd(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+    if (!fd.valid())
         return -1;
     sockaddr_in sa = {};
     sa.sin_family = AF_INET;
     sa.sin_addr.s_addr = addr;
     sa.sin_port = htons(port);
     socklen_t len = sizeof(sa);
-    if (bind(fd, reinterpret_cast<sockaddr *>(&sa), sizeof(sa)) != 0 ||
-        getsockname(fd, reinterpret_cast<sockaddr *>(&sa), &len) != 0) {
-        int err = errno;
-        close(fd);
-        errno = err;
+    if (bind(fd.get(), reinterpret_cast<sockaddr *>(&sa), sizeof(sa)) != 0 ||
+        getsockname(fd.get(), reinterpret_cast<sockaddr *>(&sa), &len) != 0)
         return -1;
-    }
     *bound = ntohs(sa.sin_port);
-    return fd;
+    return fd.release();
 }
 
 // Waits for `fd` to become readable; 1, 0 on time-out, -1 on error.
@@ -128,11 +124,11 @@ int64_t swuc_now_ms()
 
 int swuc_listen_open(swuc_listener *listener, in_addr_t interface_addr)
 {
-    int fd = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-    if (fd < 0)
+    unique_fd fd(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+    if (!fd.valid())
         return -1;
     int on = 1;
-    setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &on, sizeof(on));
+    setsockopt(fd.get(), SOL_SOCKET, SO_REUSEADDR, &on, sizeof(on));
     sockaddr_in sa = {};
     sa.sin_family = AF_INET;
     sa.sin_addr.s_addr = htonl(INADDR_ANY);
@@ -140,14 +136,10 @@ int swuc_listen_open(swuc_listener *listener, in_addr_t interface_addr)
     ip_mreq mreq = {};
     mreq.imr_multiaddr.s_addr = inet_addr(PROTO_ADV_GROUP);
     mreq.imr_interface.s_addr = interface_addr;
-    if (bind(fd, reinterpret_cast<sockaddr *>(&sa), sizeof(sa)) != 0 ||
-        setsockopt(fd, IPPROTO_IP, IP_ADD_MEMBERSHIP, &mreq, sizeof(mreq)) != 0) {
-        int err = errno;
-        close(fd);
-        errno = err;
+    if (bind(fd.get(), reinterpret_cast<sockaddr *>(&sa), sizeof(sa)) != 0 ||
+        setsockopt(fd.get(), IPPROTO_IP, IP_ADD_MEMBERSHIP, &mreq, sizeof(mreq)) != 0)
         return -1;
-    }
-    listener->fd = fd;
+    listener->fd = fd.release();
     return 0;
 }
 
@@ -527,45 +519,48 @@ int swuc_stream_end(swuc_session *s)
                : 0;
 }
 
+int swuc_map_file(const char *path, unique_map *map, std::string *err)
+{
+    unique_fd fd(open(path, O_RDONLY | O_CLOEXEC));
+    if (!fd.valid()) {
+        *err = std::string(path) + ": " + strerror(errno);
+        return -1;
+    }
+    struct stat st;
+    if (fstat(fd.get(), &st) != 0 || !S_ISREG(st.st_mode)) {
+        *err = std::string(path) + ": not a regular file";
+        return -1;
+    }
+    const auto size = static_cast<size_t>(st.st_size);
+    if (size > 0) {
+        *map = unique_map(mmap(nullptr, size, PROT_READ, MAP_PRIVATE, fd.get(), 0), size);
+        if (map->get() == nullptr) {
+            *err = std::string(path) + ": " + strerror(errno);
+            return -1;
+        }
+        madvise(map->get(), size, MADV_SEQUENTIAL);
+    }
+    return 0;
+}
+
 int swuc_send_file(swuc_session *s, const char *path, const char *name,
                    const swuc_stream_opts *opts, const swuc_progress_fn &on_progress,
                    swuc_progress *progress)
 {
-    int fd = open(path, O_RDONLY | O_CLOEXEC);
-    if (fd < 0)
+    unique_map map;
+    std::string err;
+    if (swuc_map_file(path, &map, &err) != 0)
         return -1;
-    struct stat st;
-    if (fstat(fd, &st) != 0) {
-        int err = errno;
-        close(fd);
-        errno = err;
-        return -1;
-    }
-    const uint64_t size = static_cast<uint64_t>(st.st_size);
-    const uint8_t *data = nullptr;
-    if (size > 0) {
-        void *map = mmap(nullptr, size, PROT_READ, MAP_PRIVATE, fd, 0);
-        if (map == MAP_FAILED) {
-            int err = errno;
-            close(fd);
-            errno = err;
-            return -1;
-        }
-        madvise(map, size, MADV_SEQUENTIAL);
-        data = static_cast<const uint8_t *>(map);
-    }
-    close(fd);
-
     if (name == nullptr) {
         name = strrchr(path, '/');
         name = name != nullptr ? name + 1 : path;
     }
     file_transfer_response_t rsp;
-    int result = swuc_stream_request(s, name, size, &rsp);
+    int result = swuc_stream_request(s, name, map.size(), &rsp);
     if (result == 0)
-        result = swuc_stream_data(s, data, size, opts, on_progress, progress);
-    if (data != nullptr)
-        munmap(const_cast<uint8_t *>(data), size);
+        result = swuc_stream_data(s, static_cast<const uint8_t *>(map.get()), map.size(), opts,
+                                  on_progress, progress);
+    map.reset();
     if (result == 0)
         result = swuc_stream_end(s);
     return result;
@@ -588,10 +583,10 @@ int swuc_follow_install(swuc_session *s, const swuc_follow_opts *opts,
         if (last != nullptr)
             *last = st;
         switch (st.stage_code) {
-        case SWUC_STAGE_FINISH:
+        case SM_STATE_FINISH:
             return 0;
-        case SWUC_STAGE_ERROR:
-        case SWUC_STAGE_IDLE: // the session was lost
+        case SM_STATE_ERROR:
+        case SM_STATE_IDLE: // the session was lost
             errno = EPROTO;
             return -1;
         default:

@@ -14,7 +14,9 @@
 // ETIMEDOUT when the terminal did not answer in time). Nothing here prints.
 #pragma once
 
-#include "swu/protocol.h"
+#include "lib/sys/unique_fd.h"
+#include "proto/codes.h"
+#include "proto/protocol.h"
 
 #include <cstddef>
 #include <cstdint>
@@ -23,29 +25,13 @@
 #include <string>
 #include <sys/types.h>
 
-// Stage codes of the status report (the terminal's state machine states).
-enum swuc_stage : uint8_t {
-    SWUC_STAGE_IDLE = 0,
-    SWUC_STAGE_CONNECT = 1,
-    SWUC_STAGE_STREAM = 2,
-    SWUC_STAGE_VERIFY = 3,
-    SWUC_STAGE_UPGRADE = 4,
-    SWUC_STAGE_ERROR = 5,
-    SWUC_STAGE_FINISH = 6,
-};
-
-// Status codes of the report (outcome of the terminal's last operation).
-enum swuc_status_code : uint8_t {
-    SWUC_STT_OK = 0,
-    SWUC_STT_INVALID_STREAM_REQ = 1,
-    SWUC_STT_MISSING_PACKETS = 2,
-    SWUC_STT_NO_MEMORY = 3,
-    SWUC_STT_FS_FAILURE = 4,
-};
-
-// Longest the terminal keeps a silent session; the client asks well before.
-inline constexpr int SWUC_SESSION_TIMEOUT_MS = 5000;
-inline constexpr int SWUC_DEFAULT_KEEPALIVE_MS = 2000;
+// The defaults of every user of this library, swu-client among them. The
+// stage and status codes of the reports are those of proto/codes.h.
+inline constexpr uint32_t SWUC_DEFAULT_WINDOW = 32;        // packets in flight
+inline constexpr int SWUC_DEFAULT_ACK_TIMEOUT_MS = 20;     // silence before going back
+inline constexpr int SWUC_DEFAULT_REPLY_TIMEOUT_MS = 1000; // wait for one answer
+// The terminal keeps a silent session for 5 s; status is asked every second.
+inline constexpr int SWUC_DEFAULT_KEEPALIVE_MS = 1000;
 
 // ---------------------------------------------------------------- discovery
 
@@ -100,9 +86,9 @@ struct swuc_config {
     uint16_t stream_port = 0;          // 0: an ephemeral port
     uint8_t app_id = 1;                // the terminal refuses 0
     uint8_t session_id[8] = {};
-    std::string umd_id;          // the client's identifier, only logged by the terminal
-    int reply_timeout_ms = 1000; // how long one request waits for its answer
-    int status_tries = 3;        // status requests sent before giving up
+    std::string umd_id; // the client's identifier, only logged by the terminal
+    int reply_timeout_ms = SWUC_DEFAULT_REPLY_TIMEOUT_MS; // wait for one answer
+    int status_tries = 3;                                 // status requests sent before giving up
     int keepalive_ms = SWUC_DEFAULT_KEEPALIVE_MS;
 };
 
@@ -148,9 +134,10 @@ int swuc_stream_request(swuc_session *s, const char *name, uint64_t size,
                         file_transfer_response_t *rsp);
 
 struct swuc_stream_opts {
-    uint32_t window = 16;            // packets in flight; 1 is stop-and-wait
-    int ack_timeout_ms = 300;        // go back to the oldest unacknowledged packet
-                                     // after this long without progress
+    uint32_t window = SWUC_DEFAULT_WINDOW; // 1 is stop-and-wait
+    // Go back to the oldest unacknowledged packet after this long without
+    // progress.
+    int ack_timeout_ms = SWUC_DEFAULT_ACK_TIMEOUT_MS;
     int first_ack_timeout_ms = 3000; // see swuc_stream_data
     int max_timeouts = 10;           // consecutive time-outs before giving up
 };
@@ -180,6 +167,10 @@ int swuc_stream_data(swuc_session *s, const uint8_t *data, uint64_t size,
 // Closes the stream. 0 when the terminal confirmed it complete; -1 when it
 // did not answer (an incomplete stream: the status report says why).
 int swuc_stream_end(swuc_session *s);
+
+// Maps the file at `path` read-only into *map (nothing for an empty file):
+// 0, or -1 with the reason in *err (errno kept).
+int swuc_map_file(const char *path, unique_map *map, std::string *err);
 
 // Stream request, data and stream end for the file at `path`, announced as
 // `name`. 0 or -1; *progress (may be null) receives the transfer's figures.

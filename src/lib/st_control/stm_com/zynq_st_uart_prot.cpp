@@ -2,6 +2,7 @@
 
 #include "lib/st_control/logFile.h"
 #include "lib/st_control/stm_com/zynq_st_uart_link.h"
+#include "lib/sys/le_bytes.h"
 
 #include <array>
 #include <cstdio>
@@ -139,7 +140,7 @@ int send_only(int fd, uint8_t opc, const uint8_t *payload, uint8_t size)
 int stm_program_read(int fd, uint8_t *fileBuf, uint8_t size, uint32_t first, size_t room)
 {
     uint8_t payload[5];
-    put_le32(payload, first);
+    le_put32(payload, first);
     payload[4] = size;
     stm::msg_t rxMsg;
     exchange_result r = exchange(fd, STM32_PROGRAM_READ, payload, sizeof(payload),
@@ -190,9 +191,9 @@ int stm_version_req(int fd, uint32_t *api_ver, uint32_t *boot_ver)
     // The payload length is not checked: a short reply reads as zeros and its
     // CRC byte, all inside the record.
     if (api_ver != nullptr)
-        *api_ver = get_le32(&rxMsg.buf[0]);
+        *api_ver = le_get32(&rxMsg.buf[0]);
     if (boot_ver != nullptr)
-        *boot_ver = get_le32(&rxMsg.buf[4]);
+        *boot_ver = le_get32(&rxMsg.buf[4]);
     return 0;
 }
 
@@ -273,7 +274,7 @@ int stm_erase_api(int fd)
 int stm_program_start(int fd, uint32_t fileSize)
 {
     uint8_t payload[4];
-    put_le32(payload, fileSize);
+    le_put32(payload, fileSize);
     return acked_command(fd, STM32_PROGRAM_START, payload, sizeof(payload), POLLS_DEFAULT);
 }
 
@@ -291,7 +292,7 @@ int stm_program_verifiy(int fd, int file_fd)
         exchange(fd, STM32_PROGRAM_VERIFIY, nullptr, 0, STM32_VERIFIY_REP, POLLS_DEFAULT, rxMsg);
     if (r == EXCHANGE_SEND_FAILED)
         return -1;
-    if (r != EXCHANGE_OK || rxMsg.length != 4 || get_le32(rxMsg.buf) != get_file_crc(file_fd)) {
+    if (r != EXCHANGE_OK || rxMsg.length != 4 || le_get32(rxMsg.buf) != get_file_crc(file_fd)) {
         parse_reset_state();
         return -1;
     }

@@ -1,0 +1,14 @@
+// The self-advertisement that lets a client find the terminal: multicast to
+// PROTO_ADV_GROUP:PROTO_ADV_PORT every 3 seconds while the service runs.
+#pragma once
+
+#include "proto/protocol.h"
+
+// Fills the advertisement's fixed part: opcode, ports, installed version (from
+// the card's version file), factory version (SWU_REASON_KEEP_MCU only), conf_ver,
+// terminal type and identity (from configuration block 0). The connection
+// status and sequence number are set per cycle by the thread.
+void self_adv_build(self_adv_t *adv);
+
+// The advertisement thread; `arg` is a thread_desc_t *. Returns null.
+void *self_adv_thrd_proc(void *arg);

@@ -1,0 +1,81 @@
+// The two time-outs that only a whole daemon shows: the finish state's 30 s
+// and the error state's 10 s. (The whole road of an update runs through
+// swu-client, in its tests.)
+#include "support/terminal_fixture.h"
+
+namespace
+{
+
+using Road = TerminalTest;
+
+TEST_F(Road, FactoryBootLeavesTheMicrocontrollerAloneAndRebootsWithoutBeingAsked)
+{
+    TerminalSetup setup;
+    setup.initiate_reg = 0;
+    setup.err_boot_reg = REG_FACTORY_BOOT;
+    ASSERT_NO_FATAL_FAILURE(start(setup));
+    EXPECT_EQ(std::vector<uint16_t>(first_adv_.adv.factory_sw_v, first_adv_.adv.factory_sw_v + 3),
+              (std::vector<uint16_t>{0, 1, 3}));
+
+    const std::string st = test_bytes(4096, 4);
+    std::string pkg = make_package("factory.pkg", {file_member("st.bin", st)});
+    swuc_session s;
+    ASSERT_NO_FATAL_FAILURE(open_session(&s));
+    conection_response_t rsp;
+    ASSERT_EQ(swuc_connect(&s, &rsp), 0);
+    EXPECT_EQ(rsp.swu_mode_reason_bitfield, SWU_REASON_ERROR_BOOT | SWU_REASON_KEEP_MCU);
+    ASSERT_EQ(swuc_send_file(&s, pkg.c_str(), "factory.pkg", nullptr, {}, nullptr), 0);
+    swuc_follow_opts follow = {200, 60000 * SLOW};
+    ASSERT_EQ(swuc_follow_install(&s, &follow, {}, nullptr), 0);
+    const int64_t finish_seen = swuc_now_ms();
+    EXPECT_EQ(card_file("st.bin"), st);
+    EXPECT_EQ(sim_->flash(), old_st_bin_);
+
+    ASSERT_TRUE(swu_.wait_end(40s)) << "the finished daemon did not reboot by itself";
+    const int64_t waited = swuc_now_ms() - finish_seen;
+    EXPECT_GE(waited, 28000);
+    EXPECT_LE(waited, 36000 * SLOW);
+    EXPECT_EQ(swu_.exit_code(), 0);
+    EXPECT_TRUE(root_.exists("var/log/reboot.log"));
+}
+
+TEST_F(Road, MissingPacketEndsInTheErrorStateWhichTimesOutWithoutStatus)
+{
+    ASSERT_NO_FATAL_FAILURE(start());
+    const std::string bytes = test_bytes(3000, 9);
+    const auto *data = reinterpret_cast<const uint8_t *>(bytes.data());
+    swuc_session s;
+    ASSERT_NO_FATAL_FAILURE(connect(&s));
+    file_transfer_response_t ftr;
+    ASSERT_EQ(swuc_stream_request(&s, "three.pkg", bytes.size(), &ftr), 0);
+    ASSERT_EQ(swuc_send_packet(&s, 1, 3, data, PROTO_PAYLOAD_MAX), 0);
+    ASSERT_EQ(swuc_send_packet(&s, 2, 3, data + PROTO_PAYLOAD_MAX, PROTO_PAYLOAD_MAX), 0);
+    uint8_t buf[64];
+    for (int k = 0; k < 2; k++)
+        ASSERT_GT(swuc_await(&s, SWUC_STREAM, PCKT_TRNSFR_ACK, buf, sizeof(buf), 1000 * SLOW), 0);
+    EXPECT_NE(swuc_stream_end(&s), 0) << "an incomplete stream was confirmed";
+    swuc_status st = status(&s);
+    EXPECT_EQ(st.stage_code, SM_STATE_ERROR);
+    EXPECT_EQ(st.status_code, SWU_STAGE_CODE_MISSING_PCKTS);
+    EXPECT_FALSE(root_.exists("work/three.pkg"));
+    const int64_t last_answer = s.last_status_ms;
+
+    // Without status requests it ends after more than 10 seconds; connection
+    // requests go unanswered until then.
+    swuc_session probe;
+    ASSERT_NO_FATAL_FAILURE(open_session(&probe, "127.0.0.1", 300));
+    int64_t idle_at = -1;
+    while (idle_at < 0 && swuc_now_ms() - last_answer < 16000) {
+        conection_response_t rsp;
+        if (swuc_connect(&probe, &rsp) == 0) {
+            EXPECT_EQ(rsp.connection_status, SWU_CON_RES_CONNECTION_CONFIRMED);
+            idle_at = swuc_now_ms();
+        }
+    }
+    ASSERT_GT(idle_at, 0) << "the error state never timed out";
+    EXPECT_GT(idle_at - last_answer, 10000);
+    EXPECT_LT(idle_at - last_answer, 13500);
+    EXPECT_EQ(status(&probe).stage_code, SM_STATE_CONNECT);
+}
+
+} // namespace

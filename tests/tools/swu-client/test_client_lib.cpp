@@ -1,0 +1,309 @@
+// The client library against a stand-in terminal on loopback: the transfer's
+// window, go-back-N and keep-alive over a lossy link, the reading of status
+// reports, and the update policy's exit codes.
+#include "support/sim_root.h"
+#include "swu-client/lib/client_update.h"
+
+#include <gtest/gtest.h>
+
+#include <arpa/inet.h>
+#include <atomic>
+#include <cstring>
+#include <random>
+#include <sys/socket.h>
+#include <thread>
+#include <unistd.h>
+
+namespace
+{
+
+const std::string REPORT_STREAMING =
+    R"({"battery_status":80,"status_code":0,"status_message":"operation compleated successfully...","stage_code":2,"stage_description":"Terminal is receiving update stream...","stage_progress":0,"stage_complete":0})";
+
+// Answers as the terminal does: connection requests with `connection_status`
+// (none at all for SILENT; status requests only once confirmed), packets written and acknowledged
+// in order only, repeats acknowledged, segment 1 restarting the count. Loses a share of the packets
+// and of the acknowledgements, never segment 1's, whose acknowledgement it may hold back for a
+// while.
+class StandIn
+{
+  public:
+    static constexpr uint8_t SILENT = 0xFF;
+
+    explicit StandIn(size_t size, double loss = 0, uint8_t connection_status = 1,
+                     int first_ack_delay_ms = 0)
+        : data_(size), loss_(loss), connection_status_(connection_status),
+          first_ack_delay_ms_(first_ack_delay_ms)
+    {
+        fd_ = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+        addr_.sin_family = AF_INET;
+        addr_.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        socklen_t len = sizeof(addr_);
+        bind(fd_, reinterpret_cast<sockaddr *>(&addr_), sizeof(addr_));
+        getsockname(fd_, reinterpret_cast<sockaddr *>(&addr_), &len);
+        timeval tv = {0, 50000};
+        setsockopt(fd_, SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof(tv));
+        thread_ = std::thread([this] { run(); });
+    }
+    ~StandIn()
+    {
+        stop_ = true;
+        thread_.join();
+        close(fd_);
+    }
+
+    sockaddr_in addr() const { return addr_; }
+    std::vector<uint8_t> data_;
+    std::atomic<uint64_t> written_{0};
+    std::atomic<unsigned> first_segments_{0};
+    std::atomic<uint64_t> max_ahead_{0}; // most segments beyond the last one written
+    std::atomic<unsigned> early_{0};     // packets sent before segment 1 was acknowledged
+
+  private:
+    void reply(const uint8_t *buf, int len, sockaddr_in to)
+    {
+        sendto(fd_, buf, static_cast<size_t>(len), 0, reinterpret_cast<sockaddr *>(&to),
+               sizeof(to));
+    }
+
+    void run()
+    {
+        std::mt19937 gen(42);
+        std::uniform_real_distribution<double> dice(0.0, 1.0);
+        uint64_t expected = 1;
+        bool connected = false;
+        uint8_t buf[2048], out[512];
+        std::chrono::steady_clock::time_point first_ack_due;
+        sockaddr_in first_ack_to = {};
+        bool first_ack_held = false;
+        while (!stop_) {
+            if (first_ack_held && std::chrono::steady_clock::now() >= first_ack_due) {
+                file_packet_ack_t ack = {{1, PCKT_TRNSFR_ACK, 0}, 1};
+                reply(out, proto_encode_file_packet_ack(out, sizeof(out), &ack), first_ack_to);
+                first_ack_held = false;
+            }
+            sockaddr_in from = {};
+            socklen_t from_len = sizeof(from);
+            ssize_t n =
+                recvfrom(fd_, buf, sizeof(buf), 0, reinterpret_cast<sockaddr *>(&from), &from_len);
+            if (n <= 0)
+                continue;
+            const auto len = static_cast<size_t>(n);
+            conection_request_t req;
+            file_packet_transfer_t pkt;
+            switch (proto_get_opcode(buf, len)) {
+            case CONNECTION_REQST:
+                if (connection_status_ != SILENT &&
+                    proto_decode_connection_request(buf, len, &req) == 0) {
+                    conection_response_t rsp = {
+                        {1, CONNECTION_RSPNS, 0}, connection_status_, 0, 42, 1};
+                    connected = connection_status_ == SWU_CON_RES_CONNECTION_CONFIRMED;
+                    from.sin_port = htons(req.uma_rx_port);
+                    reply(out, proto_encode_connection_response(out, sizeof(out), &rsp), from);
+                }
+                break;
+            case STATUS_REQST:
+                if (connected) {
+                    status_response_t rsp = {{1, STATUS_RSPNS, 0},
+                                             400,
+                                             REPORT_STREAMING.data(),
+                                             REPORT_STREAMING.size()};
+                    reply(out, proto_encode_status_response(out, sizeof(out), &rsp), from);
+                }
+                break;
+            case PCKT_TRNSFR:
+                if (proto_decode_file_packet_transfer(buf, len, &pkt) != 0)
+                    break;
+                max_ahead_ = std::max<uint64_t>(max_ahead_, pkt.seg_number - (expected - 1));
+                if (first_ack_held && pkt.seg_number != 1) {
+                    early_++;
+                    break;
+                }
+                if (pkt.seg_number != 1 && dice(gen) < loss_)
+                    break; // packet lost
+                if (pkt.seg_number == 1) {
+                    expected = 1;
+                    first_segments_++;
+                }
+                if (pkt.seg_number > expected)
+                    break;
+                if (pkt.seg_number == expected) {
+                    size_t off = (expected - 1) * PROTO_PAYLOAD_MAX;
+                    if (off + pkt.payload_len <= data_.size())
+                        memcpy(data_.data() + off, pkt.payload, pkt.payload_len);
+                    expected++;
+                    written_++;
+                }
+                if (pkt.seg_number != 1 && dice(gen) < loss_)
+                    break; // acknowledgement lost
+                if (pkt.seg_number == 1 && first_ack_delay_ms_ > 0) {
+                    first_ack_held = true;
+                    first_ack_to = from;
+                    first_ack_due = std::chrono::steady_clock::now() +
+                                    std::chrono::milliseconds(first_ack_delay_ms_);
+                    break;
+                }
+                file_packet_ack_t ack = {{1, PCKT_TRNSFR_ACK, 0}, pkt.seg_number};
+                reply(out, proto_encode_file_packet_ack(out, sizeof(out), &ack), from);
+                break;
+            }
+        }
+    }
+
+    int fd_ = -1;
+    sockaddr_in addr_ = {};
+    double loss_;
+    uint8_t connection_status_;
+    int first_ack_delay_ms_;
+    std::atomic<bool> stop_{false};
+    std::thread thread_;
+};
+
+std::vector<uint8_t> payload(size_t size)
+{
+    std::vector<uint8_t> v(size);
+    std::mt19937 gen(7);
+    for (auto &b : v)
+        b = static_cast<uint8_t>(gen());
+    return v;
+}
+
+void open_to(swuc_session *s, const StandIn &t, int keepalive_ms = SWUC_DEFAULT_KEEPALIVE_MS)
+{
+    swuc_config cfg;
+    cfg.terminal = t.addr();
+    cfg.local_addr = htonl(INADDR_LOOPBACK);
+    cfg.keepalive_ms = keepalive_ms;
+    ASSERT_EQ(swuc_open(s, &cfg), 0);
+}
+
+TEST(ClientStream, GoBackNFillsTheWindowExactlyAndDeliversEveryByteOverALossyLink)
+{
+    for (uint32_t window : {1u, 8u, 64u}) {
+        SCOPED_TRACE(window);
+        const std::vector<uint8_t> data = payload(300000);
+        StandIn terminal(data.size(), 0.03);
+        swuc_session s;
+        ASSERT_NO_FATAL_FAILURE(open_to(&s, terminal));
+        swuc_stream_opts opts;
+        opts.window = window;
+        opts.ack_timeout_ms = 30;
+        opts.max_timeouts = 50;
+        swuc_progress progress;
+        uint64_t reported = 0;
+        ASSERT_EQ(swuc_stream_data(
+                      &s, data.data(), data.size(), &opts,
+                      [&](const swuc_progress &p) { reported = p.acked_bytes; }, &progress),
+                  0);
+        EXPECT_TRUE(terminal.data_ == data);
+        EXPECT_EQ(terminal.written_, (data.size() + 1451) / 1452) << "a segment written twice";
+        EXPECT_EQ(terminal.max_ahead_, window) << "packets in flight";
+        EXPECT_EQ(reported, data.size());
+        EXPECT_GT(progress.retransmitted, 0u);
+    }
+}
+
+TEST(ClientStream, SegmentOneTravelsAloneAndASlowFirstAcknowledgementDoesNotRestartTheStream)
+{
+    const std::vector<uint8_t> data = payload(20000);
+    StandIn terminal(data.size(), 0.0, SWU_CON_RES_CONNECTION_CONFIRMED, 400);
+    swuc_session s;
+    ASSERT_NO_FATAL_FAILURE(open_to(&s, terminal));
+    swuc_stream_opts opts;
+    opts.ack_timeout_ms = 50;
+    ASSERT_EQ(swuc_stream_data(&s, data.data(), data.size(), &opts, {}, nullptr), 0);
+    EXPECT_EQ(terminal.first_segments_, 1u);
+    EXPECT_EQ(terminal.early_, 0u);
+    EXPECT_TRUE(terminal.data_ == data);
+}
+
+TEST(ClientStream, LongTransferAsksForStatusToKeepTheSessionAlive)
+{
+    const std::vector<uint8_t> data = payload(200000);
+    StandIn terminal(data.size(), 0.3); // slow going
+    swuc_session s;
+    ASSERT_NO_FATAL_FAILURE(open_to(&s, terminal, 100));
+    conection_response_t rsp;
+    ASSERT_EQ(swuc_connect(&s, &rsp), 0);
+    swuc_stream_opts opts;
+    opts.window = 4;
+    opts.max_timeouts = 100;
+    const int64_t started = swuc_now_ms();
+    ASSERT_EQ(swuc_stream_data(&s, data.data(), data.size(), &opts, {}, nullptr), 0);
+    const int64_t took = swuc_now_ms() - started;
+    ASSERT_GT(took, 300) << "the transfer was too quick to tell";
+    EXPECT_GE(s.status_reports, static_cast<uint64_t>(took / 100 / 3));
+    EXPECT_EQ(s.last_status.text, REPORT_STREAMING);
+}
+
+TEST(ClientStatus, ReportIsReadIntoItsFieldsOrRefused)
+{
+    swuc_status st;
+    ASSERT_EQ(swuc_parse_status(REPORT_STREAMING.data(), REPORT_STREAMING.size(), &st), 0);
+    EXPECT_EQ(st.battery_status, 80u);
+    EXPECT_EQ(st.status_message, "operation compleated successfully...");
+    EXPECT_EQ(st.stage_code, SM_STATE_STREAM);
+    EXPECT_EQ(st.stage_description, "Terminal is receiving update stream...");
+    EXPECT_EQ(st.text, REPORT_STREAMING);
+    for (
+        const char *bad :
+        {"", "{", "[]", R"({"battery_status":80})",
+         R"({"battery_status":"80","status_code":0,"status_message":"x","stage_code":1,"stage_description":"y","stage_progress":0,"stage_complete":0})"})
+        EXPECT_NE(swuc_parse_status(bad, strlen(bad), &st), 0) << bad;
+}
+
+TEST(ClientPolicy, EachWayOfFailingHasItsExitCode)
+{
+    const std::pair<unsigned, int> by_status[] = {
+        {SWU_STAGE_CODE_INVL_STREAM_REQ, SWUC_EXIT_REFUSED},
+        {SWU_STAGE_CODE_MISSING_PCKTS, SWUC_EXIT_INCOMPLETE},
+        {SWU_STAGE_CODE_MEM_ALLOC_FAILURE, SWUC_EXIT_NO_MEMORY},
+        {SWU_STAGE_CODE_FS_FAILURE, SWUC_EXIT_FS_FAILURE},
+        {SWU_STAGE_CODE_OK, SWUC_EXIT_INSTALL},
+        {SWU_STAGE_CODE_EINVAL_PKG, SWUC_EXIT_INSTALL}};
+    for (const auto &[status_code, exit_code] : by_status)
+        EXPECT_EQ(swuc_exit_for_status(status_code), exit_code) << status_code;
+    for (int code = SWUC_EXIT_OK; code <= SWUC_EXIT_FLEET; code++)
+        EXPECT_EQ(swuc_retryable(code), code == SWUC_EXIT_INCOMPLETE || code == SWUC_EXIT_STALLED)
+            << code;
+
+    // Refusals of the connection, before anything is streamed.
+    SimRoot root;
+    root.write("p.swu", "bytes");
+    const struct {
+        uint8_t connection_status;
+        int exit_code;
+        const char *message;
+    } refusals[] = {
+        {SWU_CON_RES_BATTERY_TOO_LOW, SWUC_EXIT_BATTERY, "battery too low for an update (42 %"},
+        {SWU_CON_RES_ALREADY_CONNECTED, SWUC_EXIT_BUSY, "busy"},
+    };
+    for (const auto &r : refusals) {
+        StandIn terminal(0, 0, r.connection_status);
+        update_params p;
+        p.terminal = terminal.addr();
+        p.package_path = root.path("p.swu");
+        p.name = "p.swu";
+        p.reply_timeout_ms = 200;
+        update_outcome out = run_update(p, {});
+        EXPECT_EQ(out.exit_code, r.exit_code) << out.message;
+        EXPECT_EQ(out.message.rfind(r.message, 0), 0u) << out.message;
+        EXPECT_EQ(out.step, "connect");
+    }
+
+    StandIn silent(0, 0, StandIn::SILENT);
+    update_params p;
+    p.terminal = silent.addr();
+    p.package_path = root.path("p.swu");
+    p.reply_timeout_ms = 100;
+    for (const auto &[name, exit_code] : {std::pair{"p.swu", SWUC_EXIT_NO_ANSWER},
+                                          {"a/b", SWUC_EXIT_USAGE},
+                                          {"", SWUC_EXIT_USAGE}}) {
+        p.name = name;
+        EXPECT_EQ(run_update(p, {}).exit_code, exit_code) << name;
+    }
+    p.package_path = root.path("missing.swu");
+    EXPECT_EQ(run_update(p, {}).exit_code, SWUC_EXIT_LOCAL);
+}
+
+} // namespace

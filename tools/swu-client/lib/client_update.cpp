@@ -1,0 +1,395 @@
+#include "swu-client/lib/client_update.h"
+
+#include "proto/package.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <fcntl.h>
+#include <sys/mman.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+const char *const swuc_exit_code_help = R"(Exit codes:
+  0   done
+  1   the command could not run here (package unreadable, no socket)
+  2   bad command line
+  3   no terminal answered (nothing heard, or no answer to a request)
+  4   the terminal is busy: another client is connected
+  5   the terminal's battery is too low for an update
+  6   the terminal refused the stream request (status code 1)
+  7   the terminal found packets missing at the end of the stream (status code 2)
+  8   the terminal could not reserve room for the package (status code 3)
+  9   the terminal could not create the package file (status code 4)
+  10  the terminal rejected the package or its installation failed
+  11  the session was lost (the terminal went back to idle or stopped answering)
+  12  no progress: acknowledgements or the installation stalled
+  13  update --all: at least one terminal failed (see the table))";
+
+namespace
+{
+
+constexpr int CONNECT_TRIES = 3;
+constexpr int STEP_TRIES = 3;
+// A stream gives up after this long without an acknowledgement, however
+// short the acknowledgement time-out: a short time-out recovers quickly from
+// a lost packet, and must not turn a hiccup of the link into a failure.
+constexpr int STALL_LIMIT_MS = 5000;
+
+std::string error_text(unsigned status_code)
+{
+    switch (status_code) {
+    case SWU_STAGE_CODE_INVL_STREAM_REQ:
+        return "stream request refused";
+    case SWU_STAGE_CODE_MISSING_PCKTS:
+        return "packets missing at the end of the stream";
+    case SWU_STAGE_CODE_MEM_ALLOC_FAILURE:
+        return "the terminal could not reserve room for the package";
+    case SWU_STAGE_CODE_FS_FAILURE:
+        return "the terminal could not create the package file";
+    default:
+        return "the terminal reports an error";
+    }
+}
+
+double seconds_since(int64_t start_ms)
+{
+    return static_cast<double>(swuc_now_ms() - start_ms) / 1000.0;
+}
+
+// One update in progress: the session and what is known so far.
+struct updater {
+    const update_params &p;
+    const update_events &ev;
+    swuc_session s;
+    update_outcome out;
+
+    updater(const update_params &params, const update_events &events) : p(params), ev(events) {}
+
+    void note(const std::string &line)
+    {
+        if (ev.note)
+            ev.note(line);
+    }
+
+    int fail(int code, const std::string &message)
+    {
+        out.exit_code = code;
+        out.message = message;
+        return -1;
+    }
+
+    // Asks for status; 0 with the report kept in the outcome, or -1.
+    int probe(swuc_status *st)
+    {
+        if (swuc_get_status(&s, st) != 0)
+            return -1;
+        out.have_status = true;
+        out.last_status = *st;
+        return 0;
+    }
+
+    // The failure that an error report, or a report of the idle stage, means.
+    int fail_from_report(const swuc_status &st)
+    {
+        if (st.stage_code == SM_STATE_IDLE)
+            return fail(SWUC_EXIT_SESSION_LOST, "the terminal dropped the session (back at idle)");
+        if (st.stage_code == SM_STATE_ERROR) {
+            if (st.status_code == SWU_STAGE_CODE_OK)
+                return fail(SWUC_EXIT_INSTALL,
+                            "the terminal rejected the package or its installation failed");
+            return fail(swuc_exit_for_status(st.status_code),
+                        error_text(st.status_code) + ": " + st.status_message + " (status code " +
+                            std::to_string(st.status_code) + ")");
+        }
+        return fail(SWUC_EXIT_SESSION_LOST, "unexpected report: " + describe_status(st));
+    }
+
+    int open_session()
+    {
+        swuc_config cfg;
+        cfg.terminal = p.terminal;
+        cfg.local_addr = p.local_addr;
+        cfg.rx_port = p.rx_port;
+        cfg.stream_port = p.stream_port;
+        cfg.reply_timeout_ms = p.reply_timeout_ms;
+        cfg.keepalive_ms = p.keepalive_ms;
+        cfg.umd_id = "swu-client";
+        uint64_t now = static_cast<uint64_t>(swuc_now_ms()) ^ static_cast<uint64_t>(getpid()) << 32;
+        memcpy(cfg.session_id, &now, sizeof(cfg.session_id));
+        if (swuc_open(&s, &cfg) != 0)
+            return fail(SWUC_EXIT_LOCAL,
+                        std::string("cannot open the client's sockets: ") + strerror(errno));
+        out.rx_port = s.port[SWUC_RX];
+        out.stream_port = s.port[SWUC_STREAM];
+        return 0;
+    }
+
+    int connect()
+    {
+        out.step = "connect";
+        for (int attempt = 0; attempt < CONNECT_TRIES; attempt++) {
+            conection_response_t rsp;
+            if (swuc_connect(&s, &rsp) != 0)
+                continue; // the request or its answer was lost
+            switch (rsp.connection_status) {
+            case SWU_CON_RES_CONNECTION_CONFIRMED:
+                note("connected (battery " + std::to_string(rsp.bettery_status) + " %, " +
+                     (rsp.power_source == SWU_PWR_SRC_BATTERY ? "on battery" : "external power") +
+                     ")");
+                return 0;
+            case SWU_CON_RES_BATTERY_TOO_LOW:
+                return fail(SWUC_EXIT_BATTERY,
+                            "battery too low for an update (" + std::to_string(rsp.bettery_status) +
+                                " %, at least " + std::to_string(SWU_PWR_SRC_MIN_BATTERY_ALOWED) +
+                                " % or external power needed)");
+            case SWU_CON_RES_ALREADY_CONNECTED: {
+                // This may answer a duplicate of our own request, its
+                // confirmation lost or still on the way: the terminal answers
+                // status only to its connected client, so one status request
+                // tells.
+                swuc_status st;
+                const int tries = s.cfg.status_tries;
+                s.cfg.status_tries = attempt > 0 ? tries : 1;
+                const bool ours = probe(&st) == 0 && st.stage_code == SM_STATE_CONNECT;
+                s.cfg.status_tries = tries;
+                if (ours) {
+                    note("connected");
+                    return 0;
+                }
+                return fail(SWUC_EXIT_BUSY, "busy: another client is connected to the terminal");
+            }
+            default:
+                return fail(SWUC_EXIT_NO_ANSWER,
+                            "unknown connection status " + std::to_string(rsp.connection_status));
+            }
+        }
+        return fail(SWUC_EXIT_NO_ANSWER, "no answer to the connection request");
+    }
+
+    int stream_request(uint64_t size)
+    {
+        for (int attempt = 0; attempt < STEP_TRIES; attempt++) {
+            file_transfer_response_t rsp;
+            if (swuc_stream_request(&s, p.name.c_str(), size, &rsp) == 0) {
+                if (rsp.payload_max != PROTO_PAYLOAD_MAX)
+                    return fail(SWUC_EXIT_REFUSED, "the terminal asks for packets of " +
+                                                       std::to_string(rsp.payload_max) +
+                                                       " bytes, this client sends " +
+                                                       std::to_string(PROTO_PAYLOAD_MAX));
+                return 0;
+            }
+            swuc_status st;
+            if (probe(&st) != 0)
+                return fail(SWUC_EXIT_SESSION_LOST, "the terminal stopped answering");
+            if (st.stage_code == SM_STATE_STREAM)
+                return 0; // accepted; its answer was lost
+            if (st.stage_code != SM_STATE_CONNECT)
+                return fail_from_report(st);
+        }
+        return fail(SWUC_EXIT_NO_ANSWER, "no answer to the stream request");
+    }
+
+    int stream_end()
+    {
+        for (int attempt = 0; attempt < STEP_TRIES; attempt++) {
+            if (swuc_stream_end(&s) == 0)
+                return 0;
+            swuc_status st;
+            if (probe(&st) != 0)
+                return fail(SWUC_EXIT_SESSION_LOST, "the terminal stopped answering");
+            switch (st.stage_code) {
+            case SM_STATE_VERIFY:
+            case SM_STATE_UPGRADE:
+            case SM_STATE_FINISH:
+                return 0; // complete; its answer was lost
+            case SM_STATE_STREAM:
+                continue; // the end was lost
+            default:
+                return fail_from_report(st);
+            }
+        }
+        return fail(SWUC_EXIT_NO_ANSWER, "no answer to the end of the stream");
+    }
+
+    // One stream from the stream request to the confirmed end.
+    int stream(const unique_map &pkg)
+    {
+        out.step = "stream";
+        if (stream_request(pkg.size()) != 0)
+            return -1;
+        swuc_stream_opts opts;
+        opts.window = p.window;
+        opts.ack_timeout_ms = p.ack_timeout_ms;
+        opts.max_timeouts = std::max(10, STALL_LIMIT_MS / std::max(p.ack_timeout_ms, 1));
+        const int64_t start = swuc_now_ms();
+        int r = swuc_stream_data(&s, static_cast<const uint8_t *>(pkg.get()), pkg.size(), &opts,
+                                 ev.progress, &out.progress);
+        out.stream_seconds = seconds_since(start);
+        if (ev.stream_done)
+            ev.stream_done();
+        if (r != 0) {
+            swuc_status st;
+            if (probe(&st) != 0)
+                return fail(SWUC_EXIT_SESSION_LOST, "the terminal stopped answering");
+            if (st.stage_code == SM_STATE_STREAM)
+                return fail(SWUC_EXIT_STALLED,
+                            "the terminal stopped acknowledging packets (" +
+                                std::to_string(out.progress.acked_packets) + " of " +
+                                std::to_string(out.progress.total_packets) + " acknowledged)");
+            return fail_from_report(st);
+        }
+        return stream_end();
+    }
+
+    // Brings the terminal back to idle after a failed stream, so that the
+    // next attempt can connect: an open stream is closed (the terminal finds
+    // it incomplete) and the error it then reports is acknowledged.
+    bool recover()
+    {
+        swuc_status st;
+        if (probe(&st) != 0)
+            return true; // gone idle by itself: the session lapsed
+        if (st.stage_code == SM_STATE_STREAM) {
+            swuc_send_header(&s, SWUC_STREAM, FILE_STREAM_END);
+            if (probe(&st) != 0)
+                return false;
+        }
+        if (st.stage_code == SM_STATE_ERROR) {
+            for (int attempt = 0; attempt < STEP_TRIES; attempt++)
+                if (swuc_ack_error(&s) == 0)
+                    return true;
+            // The acknowledgement may have been taken with its answer lost.
+            return probe(&st) != 0;
+        }
+        return st.stage_code == SM_STATE_IDLE;
+    }
+
+    int follow()
+    {
+        out.step = "install";
+        swuc_follow_opts opts;
+        opts.poll_ms = 500;
+        opts.timeout_ms = p.install_timeout_s * 1000;
+        const int64_t start = swuc_now_ms();
+        bool heard = false;
+        swuc_status last;
+        int r = swuc_follow_install(
+            &s, &opts,
+            [&](const swuc_status &st) {
+                heard = true;
+                out.have_status = true;
+                out.last_status = st;
+                if (ev.status)
+                    ev.status(st);
+            },
+            &last);
+        if (r == 0)
+            return 0;
+        if (heard && (last.stage_code == SM_STATE_ERROR || last.stage_code == SM_STATE_IDLE))
+            return fail_from_report(last);
+        if (seconds_since(start) >= p.install_timeout_s)
+            return fail(SWUC_EXIT_STALLED, "the installation did not end within " +
+                                               std::to_string(p.install_timeout_s) + " s");
+        return fail(SWUC_EXIT_SESSION_LOST, "the terminal stopped answering");
+    }
+
+    void reboot()
+    {
+        out.step = "reboot";
+        if (!p.reboot) {
+            note("finished; not asked to reboot (it restarts by itself 30 s after finishing)");
+            return;
+        }
+        // A lost answer and a terminal already restarting look alike; the
+        // terminal restarts by itself anyway, so this is no failure.
+        for (int attempt = 0; attempt < STEP_TRIES && !out.reboot_confirmed; attempt++)
+            out.reboot_confirmed = swuc_reboot(&s) == 0;
+        note(out.reboot_confirmed ? "reboot confirmed"
+                                  : "reboot not confirmed; the terminal restarts by itself 30 s "
+                                    "after finishing");
+    }
+
+    int run()
+    {
+        const int64_t start = swuc_now_ms();
+        unique_map pkg;
+        std::string err;
+        if (swuc_map_file(p.package_path.c_str(), &pkg, &err) != 0)
+            return fail(SWUC_EXIT_LOCAL, err);
+        if (!pkg_name_valid(p.name.data(), p.name.size()))
+            return fail(SWUC_EXIT_USAGE, "package name '" + p.name + "' is not 1 to " +
+                                             std::to_string(PKG_NAME_MAX_LEN) +
+                                             " letters, digits, '.', '_' or '-'");
+        if (pkg.size() > PKG_MAX_SIZE)
+            return fail(SWUC_EXIT_REFUSED, "the package is larger than the " +
+                                               std::to_string(PKG_MAX_SIZE >> 20) +
+                                               " MiB the terminal takes");
+        if (open_session() != 0)
+            return -1;
+        for (int attempt = 0;; attempt++) {
+            out.attempts = attempt + 1;
+            if (connect() != 0)
+                return -1;
+            if (stream(pkg) == 0)
+                break;
+            if (!swuc_retryable(out.exit_code) || attempt >= p.retries)
+                return -1;
+            note("stream failed (" + out.message + "); starting over");
+            if (!recover())
+                return -1;
+            // Fresh sockets: nothing left over from the failed stream may
+            // pass for an answer to the next one.
+            if (open_session() != 0)
+                return -1;
+            out.exit_code = SWUC_EXIT_OK;
+            out.message.clear();
+        }
+        note("stream complete");
+        if (follow() != 0)
+            return -1;
+        reboot();
+        out.step = "done";
+        out.message = "updated";
+        out.total_seconds = seconds_since(start);
+        return 0;
+    }
+};
+
+} // namespace
+
+int swuc_exit_for_status(unsigned status_code)
+{
+    switch (status_code) {
+    case SWU_STAGE_CODE_INVL_STREAM_REQ:
+        return SWUC_EXIT_REFUSED;
+    case SWU_STAGE_CODE_MISSING_PCKTS:
+        return SWUC_EXIT_INCOMPLETE;
+    case SWU_STAGE_CODE_MEM_ALLOC_FAILURE:
+        return SWUC_EXIT_NO_MEMORY;
+    case SWU_STAGE_CODE_FS_FAILURE:
+        return SWUC_EXIT_FS_FAILURE;
+    default:
+        return SWUC_EXIT_INSTALL;
+    }
+}
+
+bool swuc_retryable(int exit_code)
+{
+    return exit_code == SWUC_EXIT_STALLED || exit_code == SWUC_EXIT_INCOMPLETE;
+}
+
+update_outcome run_update(const update_params &params, const update_events &events)
+{
+    const int64_t start = swuc_now_ms();
+    updater u(params, events);
+    u.run();
+    u.out.total_seconds = seconds_since(start);
+    return u.out;
+}
+
+std::string describe_status(const swuc_status &st)
+{
+    return st.stage_description + " (stage " + std::to_string(st.stage_code) + ", status " +
+           std::to_string(st.status_code) + ": " + st.status_message + ")";
+}
