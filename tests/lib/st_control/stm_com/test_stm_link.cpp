@@ -46,7 +46,7 @@ TEST(Parser, FindsFramesOnlyBehindWholePreamblesAndWithTheirCrc)
 {
     const bytes good = frame(15, {1, 2}), body(good.begin() + 4, good.end());
     bytes bad = good;
-    bad.back() ^= 1;
+    bad.at(8) ^= 1; // the CRC
     const std::pair<bytes, int> rows[] = {
         {good, 1},
         {bad, 0},
