@@ -17,7 +17,6 @@ enum sizes {
 };
 
 inline constexpr uint64_t MAX_UPDATE_PKG_SIZE = PKG_MAX_SIZE;
-static_assert(MAX_UPDATE_PKG_SIZE == 600ull * _1M);
 
 // Packets the package needs, packets written, and the segment number the
 // next in-order packet carries. Changed only here.
