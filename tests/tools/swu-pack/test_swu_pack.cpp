@@ -107,7 +107,7 @@ TEST(SwuPack, RefusesWhatTheTerminalCouldNotInstall)
     EXPECT_THAT(tiny.output, HasSubstr("too few for the 12-byte footer"));
 }
 
-TEST(SwuPack, APackageOverTheLimitIsNotWritten)
+TEST(SwuPack, ThePackageSizeLimitHoldsToTheByte)
 {
     SimRoot dir;
     std::string noise;
@@ -122,7 +122,10 @@ TEST(SwuPack, APackageOverTheLimitIsNotWritten)
     EXPECT_EQ(pack_write(dir.path("big.swu"), {m}, 0, 50000, &err), -1);
     EXPECT_THAT(err, HasSubstr("the package would exceed 50000 bytes"));
     EXPECT_FALSE(dir.exists("big.swu"));
-    EXPECT_EQ(pack_write(dir.path("big.swu"), {m}, 0, PKG_MAX_SIZE, &err), 0) << err;
+    ASSERT_EQ(pack_write(dir.path("big.swu"), {m}, 0, PKG_MAX_SIZE, &err), 0) << err;
+    // A package of exactly the limit is written.
+    EXPECT_EQ(pack_write(dir.path("big.swu"), {m}, 0, fs::file_size(dir.path("big.swu")), &err), 0)
+        << err;
 }
 
 } // namespace
