@@ -40,8 +40,10 @@ class Stm32Sim
         return state.substr(eol + 1, std::stoul(state.substr(at + 7, eol - at - 7)));
     }
 
-    TestProcess process_;
+    // Ends the simulator so that everything it logged has been read.
+    void stop() { process_.stop(); }
 
   private:
+    TestProcess process_;
     const SimRoot &root_;
 };

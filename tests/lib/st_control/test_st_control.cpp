@@ -65,7 +65,7 @@ TEST_F(FrontEnd, ActionsRunInTheirOwnOrder)
     start();
     image(64);
     EXPECT_EQ(run({"-s", "-g", "m", "-v", "-b", "0x1", "-l", "r", "-t", "x", "-u"}).first, 0);
-    sim->process_.stop(); // everything it logged has been read
+    sim->stop(); // everything it logged has been read
     const std::string log = sim->log();
     size_t at = 0;
     for (const char *step : {"165 ", "30 ", "195 (button) len=1 data=00", "75 ", "165 ", "15 "}) {
@@ -89,7 +89,7 @@ TEST_F(FrontEnd, EachOptionAgainstTheSimulator)
     EXPECT_TRUE(sim->wait_for("application started"));
     std::string out = expect_event({"-t", "x", "-g", "x", "-s"}, 0, "Error with -g flag");
     EXPECT_NE(out.find("Recovery NOT requested\n"), std::string::npos);
-    sim->process_.stop();
+    sim->stop();
     EXPECT_EQ(sim->count("rx opc=30"), 2u);
 
     start({"--recovery", "yes"});
@@ -113,7 +113,7 @@ TEST_F(FrontEnd, FailureRows)
     std::string out =
         expect_event({"-t", "x", "-f /mnt/st.bin", "-u", "-s"}, -1, "ERROR OPENNING UPDATE FILE");
     EXPECT_NE(out.find("\n /mnt/st.bin\n"), std::string::npos) << out;
-    sim->process_.stop();
+    sim->stop();
     EXPECT_EQ(sim->count("rx opc="), 0u);
 
     // Failed actions are logged and the call goes on.

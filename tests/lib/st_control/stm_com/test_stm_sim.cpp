@@ -74,13 +74,13 @@ TEST_F(SimLine, StatusRoundsRestartTheApplicationAndAreBounded)
     start({"--start", "app"});
     image(600);
     EXPECT_EQ(with_image(stm_update_file).first, 0);
-    sim->process_.stop(); // all it logged has been read
+    sim->stop(); // all it logged has been read
     EXPECT_EQ(sim->count("rx opc=15 (status)"), 2u);
     EXPECT_EQ(sim->count("application started"), 1u);
 
     start({"--start", "app", "--stay-in-app"});
     EXPECT_EQ(with_image(stm_update_file).first, -1);
-    sim->process_.stop();
+    sim->stop();
     EXPECT_EQ(sim->count("rx opc=90 (init)"), 50u);
     EXPECT_EQ(sim->count("rx opc=105"), 0u);
 }
@@ -106,7 +106,7 @@ TEST_F(SimLine, EachFailingStepEndsTheSequence)
         start(row.args);
         image(row.size);
         EXPECT_EQ(with_image(stm_update_file).first, -1);
-        sim->process_.stop();
+        sim->stop();
         EXPECT_EQ(sim->count("rx opc=135"), row.chunks);
         EXPECT_EQ(sim->count(row.never), 0u) << sim->log();
     }
