@@ -50,6 +50,11 @@ int plat_open(const char *abs_path, int flags, mode_t mode = 0);
 ssize_t plat_read(int fd, void *buf, size_t count);
 ssize_t plat_write(int fd, const void *buf, size_t count);
 
+// Allocates the first `len` bytes of the file open on `fd` on its disk, so
+// that writing them later cannot find the disk full (posix_fallocate). The
+// host build can be told to fail it, as the card filling up would.
+int plat_reserve(int fd, off_t len);
+
 // One request of the misc register device on `fd` (opened with plat_open):
 // the two reads fill *value, the reboot-mode request passes it.
 int plat_misc_request(int fd, unsigned long request, uint32_t *value);

@@ -58,7 +58,7 @@ std::string strip_slash(std::string p)
 bool sim_fail(const char *op)
 {
     std::string path = sim_root() + "/sim/fail/" + op;
-    FILE *f = fopen(path.c_str(), "r");
+    FILE *f = fopen(path.c_str(), "re");
     if (f == nullptr)
         return false;
     long count = -1;
@@ -75,7 +75,7 @@ bool sim_fail(const char *op)
     }
     if (count == 1) {
         unlink(path.c_str());
-    } else if (FILE *w = fopen(path.c_str(), "w"); w != nullptr) {
+    } else if (FILE *w = fopen(path.c_str(), "we"); w != nullptr) {
         fprintf(w, "%ld %d\n", count - 1, err);
         fclose(w);
     }
@@ -147,6 +147,18 @@ ssize_t plat_write(int fd, const void *buf, size_t count)
 
 // The register file holds three little-endian u32: initiate-update,
 // error-boot, reboot mode.
+int plat_reserve(int fd, off_t len)
+{
+    if (sim_fail("reserve"))
+        return -1;
+    int err = posix_fallocate(fd, 0, len);
+    if (err != 0) {
+        errno = err;
+        return -1;
+    }
+    return 0;
+}
+
 int plat_misc_request(int fd, unsigned long request, uint32_t *value)
 {
     if (sim_fail("ioctl"))
@@ -208,7 +220,7 @@ int plat_reboot()
     std::string dir = sim_root() + "/var/log";
     std::error_code ec;
     fs::create_directories(dir, ec);
-    if (FILE *log = fopen((dir + "/reboot.log").c_str(), "a"); log != nullptr) {
+    if (FILE *log = fopen((dir + "/reboot.log").c_str(), "ae"); log != nullptr) {
         char stamp[32] = "";
         time_t now = time(nullptr);
         struct tm tm_now;
@@ -290,7 +302,7 @@ int plat_statfs(const char *abs_path, struct statfs *buf)
     if (statfs(path.c_str(), buf) != 0)
         return -1;
     buf->f_type = is_simulated_mount(path) ? PLAT_MSDOS_MAGIC : PLAT_TMPFS_MAGIC;
-    if (FILE *f = fopen((sim_root() + "/sim/fstype").c_str(), "r"); f != nullptr) {
+    if (FILE *f = fopen((sim_root() + "/sim/fstype").c_str(), "re"); f != nullptr) {
         char text[32] = "";
         if (fgets(text, sizeof text, f) != nullptr)
             buf->f_type = strtol(text, nullptr, 0);

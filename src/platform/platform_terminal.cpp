@@ -2,6 +2,7 @@
 // paths as they stand.
 #include "platform/platform.h"
 
+#include <cerrno>
 #include <cstdlib>
 #include <fcntl.h>
 #include <mtd/mtd-user.h>
@@ -24,6 +25,16 @@ int plat_open(const char *abs_path, int flags, mode_t mode) { return open(abs_pa
 ssize_t plat_read(int fd, void *buf, size_t count) { return read(fd, buf, count); }
 
 ssize_t plat_write(int fd, const void *buf, size_t count) { return write(fd, buf, count); }
+
+int plat_reserve(int fd, off_t len)
+{
+    int err = posix_fallocate(fd, 0, len);
+    if (err != 0) {
+        errno = err;
+        return -1;
+    }
+    return 0;
+}
 
 int plat_misc_request(int fd, unsigned long request, uint32_t *value)
 {

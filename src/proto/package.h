@@ -42,6 +42,11 @@ constexpr bool pkg_name_valid(const char *name, size_t len)
 // terminator in 128 bytes.
 inline constexpr size_t ARTIFACT_NAME_MAX_LEN = 127;
 
+// The artifact that reprograms the supervisor microcontroller, and the size
+// of its application area (what the programming reads back to check).
+inline constexpr char MCU_IMAGE_ARTIFACT[] = "st.bin";
+inline constexpr size_t MCU_APP_AREA_SIZE = 204800;
+
 struct pkg_metadata {
     uint32_t artifacts_bitmask; // shown when the package is checked; nothing depends on it
     uint32_t reserved;

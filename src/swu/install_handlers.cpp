@@ -199,12 +199,10 @@ uint8_t state_handler_error(fsm_t *sm)
         break;
     case ERROR_RECEIVED:
         event = do_error_received(&swu_data->msg_q[TX_MSG_Q], msg);
-        if (event == SM_EVNT_INT_TIMEOUT) {
-            // The client goes on with its session: back to its 5 seconds, and
-            // without what a failed stream left behind.
-            timer_set_timeout(&swu_data->timer, SWU_SESSION_TIMEOUT_S);
+        // The client goes on without what a failed stream left behind. The
+        // stopwatch keeps the error state's 10 s until a time-out.
+        if (event == SM_EVNT_INT_TIMEOUT)
             stream_release(&swu_data->pkg_file);
-        }
         break;
     default:
         break;

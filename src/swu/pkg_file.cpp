@@ -1,11 +1,15 @@
 #include "swu/pkg_file.h"
 
 #include "lib/sys/swu_assert.h"
+#include "platform/platform.h"
 #include "proto/codes.h"
 
+#include <csetjmp>
+#include <csignal>
 #include <cstdio>
 #include <cstring>
 #include <fcntl.h>
+#include <mutex>
 #include <sys/mman.h>
 #include <unistd.h>
 
@@ -19,6 +23,27 @@ namespace
 // Length of the current mapping, kept apart from g_pkg_size so that the unmap
 // always matches the map.
 size_t g_pkg_map_len = 0;
+
+// Where a SIGBUS raised by a packet's copy returns to; null outside a copy.
+thread_local sigjmp_buf *volatile g_copy_guard = nullptr;
+struct sigaction g_prev_sigbus;
+
+void on_sigbus(int sig, siginfo_t *info, void *ctx)
+{
+    if (sigjmp_buf *guard = g_copy_guard; guard != nullptr)
+        siglongjmp(*guard, 1);
+    // Not ours: whatever handled SIGBUS before takes it.
+    if (g_prev_sigbus.sa_flags & SA_SIGINFO) {
+        g_prev_sigbus.sa_sigaction(sig, info, ctx);
+        return;
+    }
+    if (g_prev_sigbus.sa_handler != SIG_DFL && g_prev_sigbus.sa_handler != SIG_IGN) {
+        g_prev_sigbus.sa_handler(sig);
+        return;
+    }
+    signal(SIGBUS, SIG_DFL);
+    raise(SIGBUS);
+}
 
 void unmap(char **pkg_file)
 {
@@ -64,6 +89,13 @@ int pkg_file_create(const char *name, size_t len)
         perror("failed write / reserving memory\n");
         return SWU_STAGE_CODE_MEM_ALLOC_FAILURE;
     }
+    // The seek and write leave a sparse file where the file system allows
+    // one; a disk that fills up later would then fail a packet's copy through
+    // the mapping with SIGBUS. Every block is taken now instead.
+    if (g_pkg_size > 0 && plat_reserve(g_pkg_fd, static_cast<off_t>(g_pkg_size)) != 0) {
+        perror("failed reserving memory\n");
+        return SWU_STAGE_CODE_MEM_ALLOC_FAILURE;
+    }
     return 0;
 }
 
@@ -84,10 +116,31 @@ int pkg_file_map(char **pkg_file)
     return 0;
 }
 
-void pkg_file_write(char *pkg_file, uint64_t offset, const void *payload, size_t len)
+int pkg_file_write(char *pkg_file, uint64_t offset, const void *payload, size_t len)
 {
     SWU_ASSERT(offset + len <= g_pkg_map_len);
+    // A card that fails to read or write a page, or a file cut short behind
+    // the mapping, raises SIGBUS inside the copy: the copy is abandoned and
+    // the packet counts as not written, rather than the daemon dying.
+    static std::once_flag installed;
+    std::call_once(installed, [] {
+        struct sigaction sa = {};
+        sa.sa_sigaction = on_sigbus;
+        sa.sa_flags = SA_SIGINFO;
+        sigemptyset(&sa.sa_mask);
+        sigaction(SIGBUS, &sa, &g_prev_sigbus);
+    });
+    sigjmp_buf here;
+    if (sigsetjmp(here, 1) != 0) {
+        g_copy_guard = nullptr;
+        fprintf(stderr, "package write failed at offset %llu\n",
+                static_cast<unsigned long long>(offset));
+        return -1;
+    }
+    g_copy_guard = &here;
     memcpy(pkg_file + offset, payload, len);
+    g_copy_guard = nullptr;
+    return 0;
 }
 
 void pkg_file_close(char **pkg_file)

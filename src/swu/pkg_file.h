@@ -36,8 +36,9 @@ int pkg_file_create(const char *name, size_t len);
 // after "mmap_failed" (also when no file is open).
 int pkg_file_map(char **pkg_file);
 
-// Copies one packet's payload to `offset` of the mapping.
-void pkg_file_write(char *pkg_file, uint64_t offset, const void *payload, size_t len);
+// Copies one packet's payload to `offset` of the mapping. 0, or -1 when the
+// file behind the mapping could not take it (an I/O error of the disk).
+int pkg_file_write(char *pkg_file, uint64_t offset, const void *payload, size_t len);
 
 // Unmaps and closes the file; it stays on disk.
 void pkg_file_close(char **pkg_file);

@@ -106,7 +106,7 @@ int calc_file_md5(const char *file_name, char *md5sum, size_t md5_size)
     SWU_ASSERT(md5_size > MD5_LEN);
     memset(md5sum, 0, md5_size);
     std::string cmd = "md5sum " + pkg_shell_quote(file_name) + " 2>/dev/null";
-    FILE *out = plat_popen(cmd.c_str(), "r");
+    FILE *out = plat_popen(cmd.c_str(), "re");
     if (out == nullptr)
         return 0;
     size_t count = 0;
@@ -319,9 +319,8 @@ void *pkg_install_thrd_proc(void *arg)
     auto *thrd_data = static_cast<struct validation_thrd_arg *>(arg);
 
     // No verification may act on an earlier run's verdict: the status reads
-    // INSTALL_STT_IN_PROGRESS until this run's check publishes its own. (It is
-    // also set back when a run ends, below, which covers the moment between
-    // the creation of a new thread and its first step.)
+    // INSTALL_STT_IN_PROGRESS until this run's check publishes its own. (The
+    // verification state sets it so as well before it creates the thread.)
     g_instatll_status = INSTALL_STT_IN_PROGRESS;
     // Signals given before this run are dropped.
     while (sem_trywait(install_sem()) == 0) {
@@ -346,14 +345,8 @@ void *pkg_install_thrd_proc(void *arg)
         g_instatll_status =
             thrd_data->ret == 0 ? INSTALL_STT_INSTALL_COMPLEATE : INSTALL_STT_INSTALL_FAILURE;
     }
-    int verdict = g_instatll_status;
-
     // The state machine signals once it has seen the verdict (or a time-out
-    // does); the verdict is then spent. Unless a newer run has published
-    // something else meanwhile, the status goes back to
-    // INSTALL_STT_IN_PROGRESS, so that the next thread starts from there even
-    // before it is first scheduled.
+    // does). The verdict stays published until the next run starts.
     install_sem_wait();
-    g_instatll_status.compare_exchange_strong(verdict, INSTALL_STT_IN_PROGRESS);
     return nullptr;
 }

@@ -6,8 +6,8 @@
 // The thread publishes its progress in g_instatll_status and waits twice on
 // g_install_sync_sem: once for the go-ahead after a successful check, once
 // more after its final verdict, so that the state machine has seen the
-// verdict before the thread ends. Once the verdict has been acknowledged the
-// status reads INSTALL_STT_IN_PROGRESS again, until the next run publishes.
+// verdict before the thread ends. The verdict stays until the next run
+// starts, which sets the status back to INSTALL_STT_IN_PROGRESS.
 #pragma once
 
 #include "proto/codes.h"

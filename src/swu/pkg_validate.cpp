@@ -151,7 +151,10 @@ int do_extract_pkg(const char *path)
 
     // The package path and the staging directory are quoted, so no name
     // reaches the shell as anything but one argument.
-    std::string quoted_pkg = pkg_shell_quote(path);
+    // A name starting with '-' would reach tar as an option, and "-" alone as
+    // its standard input: it goes as a path of the working directory.
+    const std::string pkg_arg = path[0] == '-' ? "./" + std::string(path) : std::string(path);
+    std::string quoted_pkg = pkg_shell_quote(pkg_arg.c_str());
     std::string quoted_dir = pkg_shell_quote(staging.c_str());
     std::string pkg_extract_cmd(sizeof UNZIP_CMD + quoted_pkg.size() + quoted_dir.size(), '\0');
     int len = snprintf(pkg_extract_cmd.data(), pkg_extract_cmd.size(), UNZIP_CMD,

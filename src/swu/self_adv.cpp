@@ -74,7 +74,13 @@ int get_curr_ver(uint16_t *curr_version, int size)
     if (mount_emmc() != 0)
         return -1;
     char *text = nullptr;
-    if (ini_parse(plat_path(PKG_VER_FILE).c_str(), ini_parser_callback, &text) != 0) {
+    // Opened here rather than by ini_parse, so that it is close-on-exec: the
+    // installation thread may be starting a tool meanwhile.
+    FILE *f = fopen(plat_path(PKG_VER_FILE).c_str(), "re");
+    int parsed = f == nullptr ? -1 : ini_parse_file(f, ini_parser_callback, &text);
+    if (f != nullptr)
+        fclose(f);
+    if (parsed != 0) {
         printf("Can't load '%s'\n", PKG_VER_FILE);
         free(text);
         return -1;

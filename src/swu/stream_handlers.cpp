@@ -149,22 +149,23 @@ uint8_t do_transfer(ilq_desc_t *q, msg_t *request, uint64_t *pkt_counter, char *
         return SM_EVNT_NO_EVENT;
     // Only whole segments inside the package are written or acknowledged.
     const uint64_t seg = pkt.seg_number;
-    if (seg == 0 || seg > calc_num_pckts(g_pkg_size) || pkt.payload_len > PAYLOAD_SIZE)
-        return SM_EVNT_NO_EVENT;
-    const uint64_t offset = (seg - 1) * PAYLOAD_SIZE;
-    if (offset + pkt.payload_len > g_pkg_size)
+    if (seg == 0 || pkt.payload_len > PAYLOAD_SIZE)
         return SM_EVNT_NO_EVENT;
     if (pkg_file_map(pkg_file) != 0)
         return SM_EVNT_NO_EVENT;
 
     if (seg == 1)
         seg_sequential_counter = 1;
-    if (seg > seg_sequential_counter) {
+    // A segment past the package's last is ahead of anything it can expect.
+    if (seg > seg_sequential_counter || seg > calc_num_pckts(g_pkg_size)) {
         printf("INVALID PKG SEGMENT # [EXPECTED: %llu | RECEIVED: %llu]\n",
                static_cast<unsigned long long>(seg_sequential_counter),
                static_cast<unsigned long long>(seg));
         return SM_EVNT_NO_EVENT;
     }
+    const uint64_t offset = (seg - 1) * PAYLOAD_SIZE;
+    if (offset + pkt.payload_len > g_pkg_size)
+        return SM_EVNT_NO_EVENT;
 
     msg_t *ack = msg_alloc(PROTO_PKT_ACK_SIZE);
     if (ack == nullptr) {
@@ -178,8 +179,10 @@ uint8_t do_transfer(ilq_desc_t *q, msg_t *request, uint64_t *pkt_counter, char *
                                  &pkt_ack);
     send_to_stream_port(q, ack);
 
-    if (seg == seg_sequential_counter) {
-        pkg_file_write(*pkg_file, offset, pkt.payload, pkt.payload_len);
+    // A copy that failed leaves the segment expected: the stream comes out
+    // incomplete rather than holding a hole.
+    if (seg == seg_sequential_counter &&
+        pkg_file_write(*pkg_file, offset, pkt.payload, pkt.payload_len) == 0) {
         seg_sequential_counter++;
         (*pkt_counter)++;
     }

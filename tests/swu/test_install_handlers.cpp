@@ -91,7 +91,7 @@ TEST_F(InstallHandlers, ErrorStateHoldsWhileTheClientPollsAndEndsOnItsAcknowledg
     ASSERT_EQ(out.size(), 1u);
     expect_sent(out[0], CLIENT_IP, CLIENT_RX_PORT, {0, 0, RESTARTING_UPDATE_PROC, 0});
     EXPECT_EQ(get_connection_status(), SWU_CON_STATUS_BUSY) << "the client stays connected";
-    EXPECT_EQ(h.ctx.timer.timeout_sec, SWU_SESSION_TIMEOUT_S);
+    EXPECT_EQ(h.ctx.timer.timeout_sec, SWU_ERROR_TIMEOUT_S) << "only a time-out shortens it";
 }
 
 TEST_F(InstallHandlers, ErrorStateTimesOutAfterTenSecondsWithoutStatus)

@@ -59,7 +59,7 @@ install_result run_install(
     }
     post_install_sem();
     pthread_join(thread, nullptr);
-    EXPECT_EQ(get_install_status(), INSTALL_STT_IN_PROGRESS) << "the verdict was acknowledged";
+    EXPECT_EQ(get_install_status(), verdict) << "the verdict stays until the next run";
     std::string out = GetCapturedStdout();
     return {verdict, out, GetCapturedStderr()};
 }

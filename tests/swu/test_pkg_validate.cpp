@@ -2,6 +2,7 @@
 // archive from the network may and may not do.
 #include "pkg_fixture.h"
 
+#include <fcntl.h>
 #include <filesystem>
 #include <functional>
 
@@ -50,6 +51,19 @@ TEST(PkgValidate, ChecksCutsTheFooterAndUnpacksBesideEarlierFiles)
     EXPECT_EQ(root.read("tmp/pkg/b c.txt"), "b");
     EXPECT_TRUE(root.exists("tmp/pkg/earlier.bin"));
     EXPECT_FALSE(fs::exists("pwned"));
+
+    // "-" alone is tar's name for its standard input (here an empty one).
+    sim.pack("-", {file_member("c.bin", "c")});
+    int saved_stdin = dup(0);
+    int null_fd = open("/dev/null", O_RDONLY);
+    dup2(null_fd, 0);
+    CaptureStdout();
+    EXPECT_EQ(do_pkg_validation("-", &meta), 0);
+    GetCapturedStdout();
+    dup2(saved_stdin, 0);
+    close(saved_stdin);
+    close(null_fd);
+    EXPECT_EQ(root.read("tmp/pkg/c.bin"), "c");
 }
 
 TEST(PkgValidate, EveryFailureIsReportedAndPublished)

@@ -1,5 +1,5 @@
 // The two time-outs that only a whole daemon shows: the finish state's 30 s
-// and the error state's 10 s. (The whole road of an update runs through
+// and the error state's 10 s; and what the daemon's tools inherit from it. (The whole road of an update runs through
 // swu-client, in its tests.)
 #include "support/terminal_fixture.h"
 
@@ -10,10 +10,24 @@ using Road = TerminalTest;
 
 TEST_F(Road, FactoryBootLeavesTheMicrocontrollerAloneAndRebootsWithoutBeingAsked)
 {
+    // The tools the daemon runs write down what they inherited from it.
+    for (const char *tool : {"tar", "md5sum"}) {
+        root_.write(std::string("shim/") + tool,
+                    "#!/bin/sh\n"
+                    "for f in /proc/$$/fd/*; do echo \"$0 $(readlink \"$f\")\"; done >>\"$SHIM_LOG\"\n"
+                    "PATH=${PATH#*:} exec \"${0##*/}\" \"$@\"\n");
+        std::filesystem::permissions(root_.path(std::string("shim/") + tool),
+                                     std::filesystem::perms::owner_all);
+    }
+    const std::string path = getenv("PATH");
+    setenv("PATH", (root_.path("shim") + ":" + path).c_str(), 1);
+    setenv("SHIM_LOG", root_.path("shim/inherited").c_str(), 1);
     TerminalSetup setup;
     setup.initiate_reg = 0;
     setup.err_boot_reg = REG_FACTORY_BOOT;
-    ASSERT_NO_FATAL_FAILURE(start(setup));
+    start(setup);
+    setenv("PATH", path.c_str(), 1);
+    ASSERT_FALSE(HasFatalFailure());
     EXPECT_EQ(std::vector<uint16_t>(first_adv_.adv.factory_sw_v, first_adv_.adv.factory_sw_v + 3),
               (std::vector<uint16_t>{0, 1, 3}));
 
@@ -30,6 +44,11 @@ TEST_F(Road, FactoryBootLeavesTheMicrocontrollerAloneAndRebootsWithoutBeingAsked
     const int64_t finish_seen = swuc_now_ms();
     EXPECT_EQ(card_file("st.bin"), st);
     EXPECT_EQ(sim_->flash(), old_st_bin_);
+    const std::string inherited = root_.read("shim/inherited");
+    EXPECT_NE(inherited.find("tar "), std::string::npos);
+    EXPECT_NE(inherited.find("md5sum "), std::string::npos);
+    EXPECT_EQ(inherited.find("socket:"), std::string::npos) << inherited;
+    EXPECT_EQ(inherited.find("factory.pkg"), std::string::npos) << inherited;
 
     ASSERT_TRUE(swu_.wait_end(40s)) << "the finished daemon did not reboot by itself";
     const int64_t waited = swuc_now_ms() - finish_seen;

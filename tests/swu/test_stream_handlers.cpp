@@ -94,6 +94,25 @@ TEST_F(StreamHandlers, StreamRequestIsCheckedBeforeTheFileIsCreated)
             EXPECT_EQ(request(10, "ok"), SM_EVNT_EXT_STREAM_REQ) << "only one request fails";
         }
     }
+
+    // A disk that can't hold the package refuses it now, not at a packet.
+    root_.fail("reserve", 1, ENOSPC);
+    EXPECT_EQ(request(3000, "full"), SM_EVNT_INT_ERROR);
+    EXPECT_EQ(g_status_code, SWU_STAGE_CODE_MEM_ALLOC_FAILURE);
+}
+
+TEST_F(StreamHandlers, APacketTheDiskCannotTakeIsNotCountedAndTheDaemonLives)
+{
+    ASSERT_EQ(request(), SM_EVNT_EXT_STREAM_REQ);
+    ASSERT_EQ(h.run(SM_STATE_STREAM, packet(1)), SM_EVNT_EXT_STREAM_REQ);
+    // The file cut short behind the mapping: the next copy faults (SIGBUS).
+    ASSERT_EQ(ftruncate(g_pkg_fd, 0), 0);
+    testing::internal::CaptureStderr();
+    EXPECT_EQ(h.run(SM_STATE_STREAM, packet(2)), SM_EVNT_EXT_STREAM_REQ);
+    EXPECT_EQ(testing::internal::GetCapturedStderr(), "package write failed at offset 1452\n");
+    EXPECT_EQ(h.run(SM_STATE_STREAM, packet(3)), SM_EVNT_NO_EVENT) << "2 is still expected";
+    EXPECT_EQ(h.run(SM_STATE_STREAM, dgram::hdr(FILE_STREAM_END)), SM_EVNT_INT_ERROR);
+    EXPECT_EQ(g_status_code, SWU_STAGE_CODE_MISSING_PCKTS);
 }
 
 TEST_F(StreamHandlers, PacketsAreWrittenInOrderAndTheEndChecksTheCount)
@@ -144,17 +163,24 @@ TEST_F(StreamHandlers, MalformedPacketsAreNeitherWrittenNorAcknowledged)
              dgram::cut(packet(3), 19),                // shorter than the head
              dgram::packet(3, junk, 97),               // one byte past the package
              dgram::packet(1, junk, PAYLOAD_SIZE + 8), // more than a packet carries
-             dgram::packet(~0ull, junk, 10),           // offset beyond any package
              dgram::stream_req(10, "again"),           // a second request
          })
         EXPECT_EQ(h.run(SM_STATE_STREAM, p), SM_EVNT_NO_EVENT);
     EXPECT_TRUE(h.sent().empty());
 
+    // Packets ahead of the expected one, a segment past the last included,
+    // are named in the log and refused.
     testing::internal::CaptureStdout();
+    EXPECT_EQ(h.run(SM_STATE_STREAM, packet(3)), SM_EVNT_EXT_STREAM_REQ);
+    EXPECT_EQ(h.run(SM_STATE_STREAM, dgram::packet(4, junk, 10)), SM_EVNT_NO_EVENT);
+    EXPECT_EQ(h.run(SM_STATE_STREAM, dgram::packet(~0ull, junk, 10)), SM_EVNT_NO_EVENT);
     EXPECT_EQ(h.run(SM_STATE_STREAM, dgram::packet(1, junk, 10)), SM_EVNT_EXT_STREAM_REQ);
     EXPECT_EQ(h.run(SM_STATE_STREAM, packet(3)), SM_EVNT_NO_EVENT);
     EXPECT_EQ(testing::internal::GetCapturedStdout(),
+              "INVALID PKG SEGMENT # [EXPECTED: 4 | RECEIVED: 4]\n"
+              "INVALID PKG SEGMENT # [EXPECTED: 4 | RECEIVED: 18446744073709551615]\n"
               "INVALID PKG SEGMENT # [EXPECTED: 2 | RECEIVED: 3]\n");
+    EXPECT_EQ(acked(), (std::vector<uint64_t>{3, 1}));
 }
 
 TEST_F(StreamHandlers, StreamEndWithNothingMappedFailsTheStreamOnly)

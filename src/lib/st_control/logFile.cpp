@@ -80,7 +80,7 @@ int initLog(char *fileName, uint16_t flag, uint64_t extTime)
             gLogFileFullPath[0] = '\0';
             return 0;
         }
-        FILE *probe = fopen(gLogFileFullPath, "r");
+        FILE *probe = fopen(gLogFileFullPath, "re");
         if (probe == nullptr)
             break;
         fclose(probe);
@@ -91,7 +91,7 @@ int initLog(char *fileName, uint16_t flag, uint64_t extTime)
         }
     }
 
-    FILE *f = fopen(gLogFileFullPath, "w");
+    FILE *f = fopen(gLogFileFullPath, "we");
     if (f == nullptr) {
         printf("could not open file '%s'\n", gLogFileFullPath);
         return 0;
@@ -117,7 +117,7 @@ int __addLog(const char *file, const char *function, const int line,
     } else if (gLogFileFullPath[0] == '\0') {
         return 0;
     } else {
-        out = fopen(gLogFileFullPath, "a");
+        out = fopen(gLogFileFullPath, "ae");
         if (out == nullptr) {
             printf("could not open file '%s'\n", gLogFileFullPath);
             return 0;

@@ -108,7 +108,7 @@ int st_soft_control(int argc, char **argv)
         return -1;
     }
 
-    unique_fd uart(plat_open(UART_DEVICE, O_RDWR | O_NOCTTY | O_SYNC));
+    unique_fd uart(plat_open(UART_DEVICE, O_RDWR | O_NOCTTY | O_SYNC | O_CLOEXEC));
     if (uart.get() < 0) {
         addLog("ERROR OPENNING UART TTY");
         return -1;
@@ -117,7 +117,7 @@ int st_soft_control(int argc, char **argv)
 
     if (softUpdate) {
         addLog("*** Starting STM software update ***");
-        unique_fd image(plat_open(FIRMWARE_IMAGE, O_RDONLY));
+        unique_fd image(plat_open(FIRMWARE_IMAGE, O_RDONLY | O_CLOEXEC));
         if (image.get() < 0) {
             if (filePath != nullptr)
                 puts(filePath);

@@ -26,7 +26,7 @@ int read_config(const char *dev, char *buff, uint32_t buff_size)
         return -1;
     memset(buff, 0, buff_size);
 
-    unique_fd dev_fd(plat_open(dev, O_RDWR));
+    unique_fd dev_fd(plat_open(dev, O_RDWR | O_CLOEXEC));
     if (!dev_fd.valid()) {
         printf("%s: open config failed. err:%s\n", __func__, strerror(errno));
         return -1;
@@ -57,7 +57,7 @@ int write_config(const char *usr_buff, uint32_t buff_size)
     if (usr_buff == NULL && buff_size != 0)
         return -1;
 
-    unique_fd dev_fd(plat_open(CONFIG1_DEV, O_RDWR));
+    unique_fd dev_fd(plat_open(CONFIG1_DEV, O_RDWR | O_CLOEXEC));
     if (!dev_fd.valid()) {
         printf("%s: open config failed. err:%s\n", __func__, strerror(errno));
         return -1;

@@ -13,7 +13,7 @@ udp_sock_t *udps_init(udp_sock_t *usock)
     SWU_ASSERT(usock != NULL);
     memset(usock, 0, sizeof(*usock));
 
-    usock->sock_fd = socket(AF_INET, SOCK_DGRAM, 0);
+    usock->sock_fd = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
     if (usock->sock_fd <= 0) {
         perror("socket creation failure");
         return NULL;

@@ -3,6 +3,7 @@
 #include "lib/st_control/logFile.h"
 #include "lib/st_control/stm_com/zynq_st_uart_link.h"
 #include "lib/sys/le_bytes.h"
+#include "proto/package.h"
 
 #include <array>
 #include <cstdio>
@@ -21,7 +22,7 @@ constexpr useconds_t BOOTLOADER_RESTART_US = 100000;
 // Largest chunk: the largest multiple of 8 that the length byte can carry.
 constexpr uint32_t CHUNK_MAX = 248;
 constexpr size_t CRC_BLOCK = 1024;
-constexpr size_t READBACK_AREA = 204800;
+constexpr size_t READBACK_AREA = MCU_APP_AREA_SIZE;
 constexpr uint8_t READBACK_STEP = 64;
 
 // Rounds of the status step that may still find the application running.
