@@ -1,14 +1,17 @@
 #include "pack.h"
 
 #include "lib/sys/unique_fd.h"
+#include "common/printable.h"
 #include "proto/package.h"
 
 #include <archive.h>
 #include <archive_entry.h>
+#include <cctype>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
 #include <fcntl.h>
+#include <map>
 #include <memory>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -115,6 +118,9 @@ int add_member(struct archive *a, const pack_member &m, std::string *err)
         archive_entry_set_perm(entry.get(), 0644);
         archive_entry_set_hardlink(entry.get(), m.link.c_str());
         break;
+    case PACK_OTHER:
+        *err = "'" + m.name + "': special files are not packed";
+        return -1;
     }
     if (archive_write_header(a, entry.get()) != ARCHIVE_OK) {
         *err = archive_error_string(a);
@@ -199,6 +205,8 @@ const char *kind_name(pack_kind kind)
         return "symbolic link";
     case PACK_HARDLINK:
         return "hard link";
+    case PACK_OTHER:
+        return "special file";
     }
     return "?";
 }
@@ -304,6 +312,8 @@ int pack_verify(const std::string &path, pack_report *report, std::string *err)
             kind = PACK_DIR;
         else if (archive_entry_filetype(entry) == AE_IFLNK)
             kind = PACK_SYMLINK;
+        else if (archive_entry_filetype(entry) != AE_IFREG)
+            kind = PACK_OTHER;
         report->members.push_back({archive_entry_pathname(entry), kind, archive_entry_size(entry)});
         if (archive_read_data_skip(a.get()) != ARCHIVE_OK)
             break;
@@ -331,4 +341,55 @@ int pack_verify(const std::string &path, pack_report *report, std::string *err)
 const char *pack_kind_name(pack_kind kind)
 {
     return kind_name(kind);
+}
+
+std::vector<pack_finding> pack_review(const std::vector<pack_listed> &members)
+{
+    std::vector<pack_finding> found;
+    std::map<std::string, std::string> folded_names; // FAT ignores case
+    for (const pack_listed &m : members) {
+        std::string name = m.name;
+        while (name.compare(0, 2, "./") == 0)
+            name.erase(0, 2);
+        while (!name.empty() && name.back() == '/')
+            name.pop_back();
+        if (name.empty() || name == ".")
+            continue; // the archive's own top directory
+        const std::string shown = "'" + printable(name) + "'";
+        // A hard link unpacks as a regular file, and is installed as one.
+        const bool regular = m.kind == PACK_FILE || m.kind == PACK_HARDLINK;
+        if (name.find('/') != std::string::npos) {
+            found.push_back({false, shown + " is not at the top of the archive: the terminal "
+                                    "ignores it"});
+            continue;
+        }
+        if (!regular) {
+            found.push_back({false, shown + " is a " + kind_name(m.kind) +
+                                        ": the terminal installs only regular files"});
+            continue;
+        }
+        std::string problem = pack_name_problem(name);
+        if (!problem.empty()) {
+            found.push_back({true, "artifact " + shown + ": " + problem});
+            continue;
+        }
+        std::string folded = name;
+        for (char &c : folded)
+            c = static_cast<char>(tolower(static_cast<unsigned char>(c)));
+        auto [it, added] = folded_names.emplace(folded, name);
+        if (!added)
+            found.push_back({true, "artifacts '" + printable(it->second) + "' and " + shown +
+                                       " would be one file on the card's FAT file system"});
+        if (folded != MCU_IMAGE_ARTIFACT || m.kind != PACK_FILE)
+            continue;
+        if (m.size == 0)
+            found.push_back({true, shown + " is empty: the microcontroller's application would "
+                                   "be erased with nothing to write in its place"});
+        else if (static_cast<uint64_t>(m.size) > MCU_APP_AREA_SIZE)
+            found.push_back({true, shown + " has " + std::to_string(m.size) +
+                                       " bytes, more than the microcontroller's application "
+                                       "area of " +
+                                       std::to_string(MCU_APP_AREA_SIZE)});
+    }
+    return found;
 }

@@ -15,6 +15,7 @@ enum pack_kind {
     PACK_DIR,      // directory
     PACK_SYMLINK,  // symbolic link to `link`
     PACK_HARDLINK, // hard link to the member named `link`
+    PACK_OTHER,    // anything else found in an archive (device, fifo); never written
 };
 
 struct pack_member {
@@ -44,7 +45,24 @@ struct pack_report {
 // terminator, and the card's FAT file system must be able to hold it as is.
 std::string pack_name_problem(const std::string &name);
 
-// "file", "directory", "symbolic link" or "hard link".
+// One thing about a package that the terminal would get wrong.
+struct pack_finding {
+    bool refuse; // false: worth a warning only
+    std::string text;
+};
+
+// The package's members judged as the terminal would install them, for the
+// tools to refuse a dangerous package before it is sent. A failed
+// installation makes the terminal re-partition and re-format its card, and
+// an empty microcontroller image is found only after the microcontroller's
+// application was erased; so refused are: artifact names the card's FAT file
+// system can't hold, two names equal but for case, and an "st.bin" that is
+// empty or larger than the microcontroller's application area. Members the
+// terminal ignores (anything but a regular file at the top of the archive)
+// are warned about.
+std::vector<pack_finding> pack_review(const std::vector<pack_listed> &members);
+
+// "file", "directory", "symbolic link", "hard link" or "special file".
 const char *pack_kind_name(pack_kind kind);
 
 // Writes the archive of `members` and its footer to `out_path`. Fails, with

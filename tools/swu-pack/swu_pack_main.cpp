@@ -1,20 +1,21 @@
 // swu-pack: builds an update package for the terminal, or checks one.
 //
-//   swu-pack -o FILE [--bitmask N] ARTIFACT...
+//   swu-pack -o FILE [--bitmask N] [--force] ARTIFACT...
 //   swu-pack verify FILE
 //
 // Only what the terminal can install is packed: regular files, stored at the
-// top of the archive under their base names, with names its card can hold.
+// top of the archive under their base names, with names its card can hold
+// and an st.bin its microcontroller can take (--force overrides the last
+// two). verify refuses what the packer would.
 #include "pack.h"
 
+#include "common/printable.h"
 #include "proto/package.h"
 
 #include <CLI/CLI.hpp>
-#include <cctype>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
-#include <map>
 #include <string>
 #include <sys/stat.h>
 #include <vector>
@@ -37,63 +38,73 @@ std::string base_name(const std::string &path)
     return slash == std::string::npos ? p : p.substr(slash + 1);
 }
 
-int build(const std::string &out, uint32_t bitmask, const std::vector<std::string> &artifacts)
+// Prints the findings; 0 when the package may go on (nothing refused, or
+// `force`), 1 otherwise.
+int report(const std::vector<pack_finding> &findings, bool force)
+{
+    bool refused = false;
+    for (const pack_finding &f : findings) {
+        fprintf(stderr, "swu-pack: %s: %s\n", f.refuse ? "refused" : "warning", f.text.c_str());
+        refused = refused || f.refuse;
+    }
+    if (refused && force)
+        fprintf(stderr, "swu-pack: --force: going on anyway\n");
+    return refused && !force ? 1 : 0;
+}
+
+int build(const std::string &out, uint32_t bitmask, const std::vector<std::string> &artifacts,
+          bool force)
 {
     std::vector<pack_member> members;
-    // The card's FAT file system ignores case: "A.bin" and "a.bin" are one file.
-    std::map<std::string, std::string> folded_names;
+    std::vector<pack_listed> listing;
     for (const std::string &path : artifacts) {
         struct stat st;
         if (stat(path.c_str(), &st) != 0)
             return fail("cannot read artifact '" + path + "': " + strerror(errno));
         if (!S_ISREG(st.st_mode))
             return fail("artifact '" + path + "' is not a regular file");
-        std::string name = base_name(path);
-        std::string problem = pack_name_problem(name);
-        if (!problem.empty())
-            return fail("artifact '" + path + "' refused: " + problem);
-        std::string folded = name;
-        for (char &c : folded)
-            c = static_cast<char>(tolower(static_cast<unsigned char>(c)));
-        auto [it, added] = folded_names.emplace(folded, path);
-        if (!added)
-            return fail("artifacts '" + it->second + "' and '" + path +
-                        "' would be one file on the card's FAT file system");
         pack_member m;
-        m.name = name;
+        m.name = base_name(path);
+        if (m.name == "." || m.name == "..")
+            return fail("artifact '" + path + "' has no file name");
         m.source = path;
         members.push_back(m);
+        listing.push_back({m.name, PACK_FILE, st.st_size});
     }
+    if (report(pack_review(listing), force) != 0)
+        return fail("nothing written (--force packs it anyway)");
     std::string err;
     if (pack_write(out, members, bitmask, PKG_MAX_SIZE, &err) != 0)
         return fail(out + ": " + err);
-    pack_report report;
-    if (pack_verify(out, &report, &err) != 0)
+    pack_report written;
+    if (pack_verify(out, &written, &err) != 0)
         return fail(out + ": written but does not check: " + err);
     printf("%s: %zu artifacts, %llu bytes, bitmask 0x%X, crc %u\n", out.c_str(), members.size(),
-           static_cast<unsigned long long>(report.package_size), bitmask, report.footer_crc);
+           static_cast<unsigned long long>(written.package_size), bitmask, written.footer_crc);
     return 0;
 }
 
 int verify(const std::string &file)
 {
-    pack_report report;
+    pack_report found;
     std::string err;
-    int result = pack_verify(file, &report, &err);
-    for (const pack_listed &m : report.members)
-        printf("%12lld  %s%s%s\n", static_cast<long long>(m.size), m.name.c_str(),
+    int result = pack_verify(file, &found, &err);
+    for (const pack_listed &m : found.members)
+        printf("%12lld  %s%s%s\n", static_cast<long long>(m.size), printable(m.name).c_str(),
                m.kind == PACK_FILE ? "" : "  ", m.kind == PACK_FILE ? "" : pack_kind_name(m.kind));
     if (result != 0)
         return fail(file + ": " + err);
+    if (report(pack_review(found.members), false) != 0)
+        return fail(file + ": the terminal would be harmed by this package");
     printf("%s: %zu members, %llu bytes, bitmask 0x%X, crc %u ok\n", file.c_str(),
-           report.members.size(), static_cast<unsigned long long>(report.package_size),
-           report.artifacts_bitmask, report.footer_crc);
+           found.members.size(), static_cast<unsigned long long>(found.package_size),
+           found.artifacts_bitmask, found.footer_crc);
     return 0;
 }
 
 } // namespace
 
-int main(int argc, char **argv)
+int run(int argc, char **argv)
 {
     CLI::App app{"Builds an update package for the terminal (gzip-compressed tar archive and "
                  "CRC footer), or checks one."};
@@ -104,6 +115,10 @@ int main(int argc, char **argv)
     app.add_option("--bitmask", bitmask, "Artifacts bitmask recorded in the footer")
         ->default_val(0);
     app.add_option("artifacts", artifacts, "Regular files to pack, stored under their base names");
+    bool force = false;
+    app.add_flag("--force", force,
+                 "Pack artifacts that would harm the terminal (names its card can't hold, an "
+                 "empty or oversized st.bin)");
 
     std::string checked;
     CLI::App *verify_cmd =
@@ -126,5 +141,16 @@ int main(int argc, char **argv)
         return fail("no package file given (-o FILE)\n" + app.help());
     if (artifacts.empty())
         return fail("no artifacts given");
-    return build(out, bitmask, artifacts);
+    return build(out, bitmask, artifacts, force);
+}
+
+int main(int argc, char **argv)
+{
+    try {
+        return run(argc, argv);
+    } catch (const std::exception &e) {
+        return fail(std::string("unexpected error: ") + e.what());
+    } catch (...) {
+        return fail("unexpected error");
+    }
 }

@@ -7,6 +7,9 @@
 
 #include <nlohmann/json.hpp>
 
+#include <atomic>
+#include <thread>
+
 namespace
 {
 
@@ -69,7 +72,11 @@ TEST_F(ClientCli, UpdateTravelsFromDiscoveryToTheReboot)
     // The package stays without its footer; the artifacts are on the
     // unmounted card beside its other files; the microcontroller runs the
     // new image; the finished terminal still advertises its session.
-    EXPECT_EQ(root_.read("work/update-2.0.1.swu"), pkg_bytes.substr(0, pkg_bytes.size() - 12));
+    const std::string sent_as = swuc_attempt_name(
+        pkg, pkg_bytes.size(),
+        swuc_footer_crc(reinterpret_cast<const uint8_t *>(pkg_bytes.data()), pkg_bytes.size()), 1);
+    EXPECT_TRUE(root_.read("work/" + sent_as) == pkg_bytes.substr(0, pkg_bytes.size() - 12))
+        << sent_as << " holds " << root_.read("work/" + sent_as).size() << " bytes";
     EXPECT_FALSE(card_mounted());
     EXPECT_EQ(card_file("app.bin"), app);
     EXPECT_EQ(card_file("pkg_ver.txt"), ver);
@@ -95,21 +102,115 @@ TEST_F(ClientCli, UpdateTravelsFromDiscoveryToTheReboot)
 TEST_F(ClientCli, FailedStreamGivesItsExitCodeAndTheNextCommandsClearTheError)
 {
     TerminalSetup setup;
-    setup.daemon_args = {"-S"}; // the first stream end is found incomplete
+    setup.daemon_args = {"-S"}; // the first stream end is found incomplete, the file kept
     ASSERT_NO_FATAL_FAILURE(start(setup));
-    std::string pkg = make_package("p.swu", {file_member("a.bin", "a")});
-    run_result u = client(root_, {"update", "127.0.0.1", pkg, "--retries", "0"});
+    std::string pkg = make_package("p.swu", {file_member("a.bin", test_bytes(5000, 3))});
+    run_result u =
+        client(root_, {"update", "127.0.0.1", pkg, "--retries", "0", "--name", "p.swu"});
     EXPECT_EQ(u.exit_code, SWUC_EXIT_INCOMPLETE) << u.out << u.err;
     EXPECT_EQ(u.err, "swu-client: 127.0.0.1: packets missing at the end of the stream: invalid "
                      "stream, some packets are missing... (status code 2)\n");
 
     // The terminal answers the acknowledgement at the session's own port,
-    // which the command remembers; then a new session is confirmed.
+    // which the command remembers; then it takes a new session.
     run_result ack = client(root_, {"ack-error", "127.0.0.1"});
     EXPECT_EQ(ack.exit_code, 0) << ack.out << ack.err;
-    run_result st = client(root_, {"status", "127.0.0.1", "--json"});
-    EXPECT_EQ(st.exit_code, 0) << st.out << st.err;
-    EXPECT_EQ(parsed(st)["status"]["stage_code"], SM_STATE_CONNECT) << st.out;
+
+    // A shorter package under the kept file's name is checked against the
+    // old file's tail, and fails; the client saw that coming. Under a fresh
+    // name it installs.
+    std::string other = make_package("q.swu", {file_member("b.bin", "b")});
+    u = client(root_, {"update", "127.0.0.1", other, "--no-reboot", "--name", "p.swu"});
+    EXPECT_EQ(u.exit_code, SWUC_EXIT_INSTALL) << u.out << u.err;
+    EXPECT_NE(u.err.find("warning: the name 'p.swu' carried another package to 127.0.0.1"),
+              std::string::npos)
+        << u.err;
+    ASSERT_EQ(client(root_, {"ack-error", "127.0.0.1"}).exit_code, 0);
+    u = client(root_, {"update", "127.0.0.1", other, "--no-reboot"});
+    EXPECT_EQ(u.exit_code, 0) << u.out << u.err;
+    EXPECT_EQ(u.err, "");
+    EXPECT_EQ(card_file("b.bin"), "b");
+}
+
+// Advertises, until destroyed, a terminal whose identity is `identity`.
+class ForgedTerminal
+{
+  public:
+    explicit ForgedTerminal(const std::string &identity)
+    {
+        self_adv_t adv = {};
+        adv.hdr.opcode = SWU_SELF_ADVERTISE_OPCD;
+        adv.rx_port = PROTO_SWU_PORT;
+        adv.orvanID_len = static_cast<uint8_t>(identity.size());
+        memcpy(adv.orvanID, identity.data(), std::min(identity.size(), sizeof adv.orvanID));
+        EXPECT_EQ(proto_encode_self_adv(datagram_, sizeof datagram_, &adv), int(sizeof datagram_));
+        thread_ = std::thread([this] { run(); });
+    }
+    ~ForgedTerminal()
+    {
+        stop_ = true;
+        thread_.join();
+    }
+
+  private:
+    void run()
+    {
+        unique_fd fd(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+        in_addr lo = {htonl(INADDR_LOOPBACK)};
+        setsockopt(fd.get(), IPPROTO_IP, IP_MULTICAST_IF, &lo, sizeof lo);
+        sockaddr_in to = {};
+        to.sin_family = AF_INET;
+        to.sin_port = htons(PROTO_ADV_PORT);
+        inet_pton(AF_INET, PROTO_ADV_GROUP, &to.sin_addr);
+        while (!stop_) {
+            sendto(fd.get(), datagram_, sizeof datagram_, 0, reinterpret_cast<sockaddr *>(&to),
+                   sizeof to);
+            std::this_thread::sleep_for(100ms);
+        }
+    }
+
+    uint8_t datagram_[PROTO_SELF_ADV_SIZE] = {};
+    std::atomic<bool> stop_{false};
+    std::thread thread_;
+};
+
+// What a terminal sends is shown, never obeyed: no escape sequence reaches
+// the technician's screen, and text that is not UTF-8 does not end the tool.
+TEST_F(ClientCli, AForgedIdentityIsShownEscapedAndNeverAbortsTheClient)
+{
+    ForgedTerminal forged("\x1b]0;owned\x07\x1b[2J\xff\xfe");
+    run_result d = client(root_, {"discover", "--json", "--timeout", "1"});
+    EXPECT_EQ(d.exit_code, 0) << d.out << d.err;
+    json list = parsed(d);
+    ASSERT_TRUE(list.is_array()) << d.out;
+    EXPECT_EQ(list[0]["identity"], "\x1b]0;owned\x07\x1b[2J\xef\xbf\xbd\xef\xbf\xbd");
+    d = client(root_, {"discover", "--timeout", "1"});
+    EXPECT_EQ(d.exit_code, 0) << d.out << d.err;
+    EXPECT_EQ(d.out.find('\x1b'), std::string::npos) << d.out;
+    EXPECT_NE(d.out.find("\\x1B]0;owned\\x07\\x1B[2J\\xFF\\xFE"), std::string::npos) << d.out;
+}
+
+// A package that would wipe the card or erase the microcontroller is refused
+// before anything is sent (no terminal answers here): --force sends it.
+TEST_F(ClientCli, AHarmfulPackageIsRefusedBeforeAnythingIsSent)
+{
+    root_.mkdir("client");
+    const std::string empty_st = make_package("empty-st.swu", {file_member("st.bin", "")});
+    run_result u = client(root_, {"update", "127.0.0.1", empty_st, "--reply-timeout", "100"});
+    EXPECT_EQ(u.exit_code, SWUC_EXIT_PACKAGE) << u.out << u.err;
+    EXPECT_NE(u.err.find("refused: 'st.bin' is empty"), std::string::npos) << u.err;
+    u = client(root_, {"update", "--all", empty_st, "--timeout", "0.2"});
+    EXPECT_EQ(u.exit_code, SWUC_EXIT_PACKAGE) << u.out << u.err;
+    u = client(root_,
+               {"update", "127.0.0.1", empty_st, "--force", "--reply-timeout", "100", "--json"});
+    EXPECT_EQ(u.exit_code, SWUC_EXIT_NO_ANSWER) << u.out << u.err;
+
+    root_.write("client/noise.bin", test_bytes(5000, 8));
+    u = client(root_, {"update", "127.0.0.1", root_.path("client/noise.bin"), "--json"});
+    EXPECT_EQ(u.exit_code, SWUC_EXIT_PACKAGE) << u.out << u.err;
+    EXPECT_NE(parsed(u)["message"].get<std::string>().find("the terminal would refuse it: CRC"),
+              std::string::npos)
+        << u.out;
 }
 
 } // namespace

@@ -1,6 +1,7 @@
 // The client library against a stand-in terminal on loopback: the transfer's
 // window, go-back-N and keep-alive over a lossy link, the reading of status
 // reports, and the update policy's exit codes.
+#include "proto/package.h"
 #include "support/sim_root.h"
 #include "swu-client/lib/client_update.h"
 
@@ -296,14 +297,33 @@ TEST(ClientPolicy, EachWayOfFailingHasItsExitCode)
     p.terminal = silent.addr();
     p.package_path = root.path("p.swu");
     p.reply_timeout_ms = 100;
-    for (const auto &[name, exit_code] : {std::pair{"p.swu", SWUC_EXIT_NO_ANSWER},
-                                          {"a/b", SWUC_EXIT_USAGE},
-                                          {"", SWUC_EXIT_USAGE}}) {
+    const std::pair<std::string, int> names[] = {{"p.swu", SWUC_EXIT_NO_ANSWER},
+                                                 {"", SWUC_EXIT_NO_ANSWER},
+                                                 {"a/b", SWUC_EXIT_USAGE},
+                                                 {std::string(100, 'n'), SWUC_EXIT_USAGE}};
+    for (const auto &[name, exit_code] : names) {
         p.name = name;
         EXPECT_EQ(run_update(p, {}).exit_code, exit_code) << name;
     }
     p.package_path = root.path("missing.swu");
     EXPECT_EQ(run_update(p, {}).exit_code, SWUC_EXIT_LOCAL);
+}
+
+TEST(ClientPolicy, EachAttemptTravelsUnderANameOfItsOwn)
+{
+    EXPECT_EQ(swuc_attempt_name("/x/update-2.0.1.swu", 3000, 0x1a2b3c4d, 1),
+              "update-2.0.1.swu-3000-1a2b3c4d-1");
+    EXPECT_EQ(swuc_attempt_name("dir/a b+c.swu", 1, 0, 12), "a_b_c.swu-1-00000000-12");
+    EXPECT_EQ(swuc_attempt_name("dir/", 5, 1, 1), "package-5-00000001-1");
+    // Cut to what the terminal takes; the figures stay whole.
+    const std::string longest = swuc_attempt_name(std::string(200, 'n'), 629145600, ~0u, 3);
+    EXPECT_EQ(longest.size(), PKG_NAME_MAX_LEN);
+    EXPECT_TRUE(pkg_name_valid(longest.data(), longest.size()));
+    EXPECT_EQ(longest.substr(longest.size() - 21), "-629145600-ffffffff-3");
+
+    const uint8_t pkg[12] = {9, 9, 9, 9, 9, 9, 9, 9, 0x4d, 0x3c, 0x2b, 0x1a};
+    EXPECT_EQ(swuc_footer_crc(pkg, 12), 0x1a2b3c4du);
+    EXPECT_EQ(swuc_footer_crc(pkg, 11), 0u);
 }
 
 } // namespace

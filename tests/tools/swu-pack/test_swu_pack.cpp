@@ -65,42 +65,70 @@ TEST(SwuPack, PacksBaseNamesWithTheTerminalsFooterAndVerifiesWithoutChanging)
     EXPECT_EQ(dir.read("out.swu"), bytes);
 }
 
-TEST(SwuPack, RefusesWhatTheTerminalCouldNotInstall)
+TEST(PackReview, RefusesWhatWouldHarmTheTerminalAndWarnsOfWhatItIgnores)
 {
-    SimRoot dir;
     struct {
-        std::vector<std::string> files; // created under in/ unless named "missing"
-        std::string message;
+        std::vector<pack_listed> members;
+        std::string finding; // "": nothing to say
+        bool refuse;
     } const cases[] = {
-        {{"missing"},
-         "cannot read artifact '" + dir.path("in/missing") + "': No such file or directory"},
-        {{std::string(128, 'n')}, "the name has 128 bytes; the terminal takes at most 127"},
-        {{"a*b"}, "the name holds '*', which the card's FAT file system can't hold"},
-        {{"a:b"}, "the name holds ':'"},
-        {{"a\\b"}, "the name holds '\\'"},
-        {{"tab\there"}, "control character"},
-        {{"caf\xc3\xa9"}, "non-ASCII byte"},
-        {{"dot."}, "drops a trailing dot or blank"},
-        {{"same.bin", "SAME.BIN"}, "would be one file on the card's FAT file system"},
+        {{{"a.bin", PACK_FILE, 1}, {"./b.bin", PACK_FILE, 1}, {"./", PACK_DIR, 0}}, "", false},
+        {{{std::string(127, 'n'), PACK_FILE, 1}}, "", false},
+        {{{std::string(128, 'n'), PACK_FILE, 1}},
+         "the name has 128 bytes; the terminal takes at most 127", true},
+        {{{"a*b", PACK_FILE, 1}}, "the name holds '*', which the card's FAT file system", true},
+        {{{"a:b", PACK_FILE, 1}}, "the name holds ':'", true},
+        {{{"a\\b", PACK_FILE, 1}}, "the name holds '\\'", true},
+        {{{"tab\there", PACK_FILE, 1}}, "'tab\\x09here': the name holds a control character", true},
+        {{{"caf\xc3\xa9", PACK_FILE, 1}}, "non-ASCII byte", true},
+        {{{"dot.", PACK_FILE, 1}}, "drops a trailing dot or blank", true},
+        {{{"blank ", PACK_FILE, 1}}, "drops a trailing dot or blank", true},
+        {{{"same.bin", PACK_FILE, 1}, {"SAME.BIN", PACK_HARDLINK, 0}},
+         "artifacts 'same.bin' and 'SAME.BIN' would be one file", true},
+        {{{"st.bin", PACK_FILE, 0}}, "'st.bin' is empty", true},
+        {{{"ST.BIN", PACK_FILE, 0}}, "'ST.BIN' is empty", true},
+        {{{"st.bin", PACK_FILE, 204800}}, "", false},
+        {{{"st.bin", PACK_FILE, 204801}}, "has 204801 bytes, more than", true},
+        {{{"sub/", PACK_DIR, 0}}, "'sub' is a directory: the terminal installs only", false},
+        {{{"sub/st.bin", PACK_FILE, 0}}, "'sub/st.bin' is not at the top", false},
+        {{{"link", PACK_SYMLINK, 0}}, "'link' is a symbolic link", false},
+        {{{"fifo", PACK_OTHER, 0}}, "'fifo' is a special file", false},
     };
     for (const auto &c : cases) {
-        std::vector<std::string> args = {"-o", dir.path("refused.swu")};
-        for (const std::string &f : c.files) {
-            if (f != "missing")
-                dir.write("in/" + f, "x");
-            args.push_back(dir.path("in/" + f));
+        SCOPED_TRACE(c.members[0].name);
+        std::vector<pack_finding> found = pack_review(c.members);
+        if (c.finding.empty()) {
+            EXPECT_TRUE(found.empty()) << found[0].text;
+            continue;
         }
-        tool_run r = swu_pack(dir, args);
-        EXPECT_EQ(r.status, 1) << c.message;
-        EXPECT_THAT(r.output, HasSubstr(c.message));
-        EXPECT_FALSE(dir.exists("refused.swu")) << c.message;
+        ASSERT_EQ(found.size(), 1u);
+        EXPECT_THAT(found[0].text, HasSubstr(c.finding));
+        EXPECT_EQ(found[0].refuse, c.refuse);
     }
+}
 
+TEST(SwuPack, RefusesAHarmfulPackageUnlessForcedAndVerifiesAsItPacks)
+{
+    SimRoot dir;
+    dir.write("in/st.bin", "");
+    tool_run r = swu_pack(dir, {"-o", dir.path("p.swu"), dir.path("in/st.bin")});
+    EXPECT_EQ(r.status, 1);
+    EXPECT_THAT(r.output, HasSubstr("refused: 'st.bin' is empty"));
+    EXPECT_THAT(r.output, HasSubstr("nothing written (--force packs it anyway)"));
+    EXPECT_FALSE(dir.exists("p.swu"));
+    r = swu_pack(dir, {"-o", dir.path("p.swu"), "--force", dir.path("in/st.bin")});
+    EXPECT_EQ(r.status, 0) << r.output;
+    r = swu_pack(dir, {"verify", dir.path("p.swu")});
+    EXPECT_EQ(r.status, 1);
+    EXPECT_THAT(r.output, HasSubstr("the terminal would be harmed by this package"));
+
+    EXPECT_THAT(swu_pack(dir, {"-o", dir.path("x.swu"), dir.path("in/missing")}).output,
+                HasSubstr("cannot read artifact '" + dir.path("in/missing") +
+                          "': No such file or directory"));
     dir.mkdir("in/directory");
     EXPECT_THAT(swu_pack(dir, {"-o", dir.path("x.swu"), dir.path("in/directory")}).output,
                 HasSubstr("is not a regular file"));
-    EXPECT_THAT(swu_pack(dir, {dir.path("in/same.bin")}).output,
-                HasSubstr("no package file given"));
+    EXPECT_THAT(swu_pack(dir, {dir.path("in/st.bin")}).output, HasSubstr("no package file given"));
     dir.write("tiny.swu", "0123456789A");
     tool_run tiny = swu_pack(dir, {"verify", dir.path("tiny.swu")});
     EXPECT_EQ(tiny.status, 1);

@@ -1,6 +1,8 @@
 #include "client_commands.h"
 
 #include "client_output.h"
+#include "common/printable.h"
+#include "pack.h"
 
 #include <arpa/inet.h>
 #include <atomic>
@@ -66,6 +68,12 @@ int resolve_terminal(const std::string &host_port, sockaddr_in *out, std::string
     return 0;
 }
 
+// Terminals may send any bytes: invalid UTF-8 is replaced, not thrown at.
+void print_json(const json &j)
+{
+    printf("%s\n", j.dump(-1, ' ', false, json::error_handler_t::replace).c_str());
+}
+
 std::string addr_text(const sockaddr_in &sa)
 {
     char buf[INET_ADDRSTRLEN];
@@ -75,10 +83,9 @@ std::string addr_text(const sockaddr_in &sa)
 
 // ------------------------------------------------- the last session's ports
 
-// The terminal answers reboot, error and status requests only to the rx port
-// of the session it remembers, so a later command for the same terminal binds
-// that port again. Kept under $XDG_STATE_HOME (or ~/.local/state).
-std::filesystem::path ports_file(const sockaddr_in &terminal)
+// What the client keeps about a terminal between commands, under
+// $XDG_STATE_HOME (or ~/.local/state): "session" and "names".
+std::filesystem::path state_file(const char *kind, const sockaddr_in &terminal)
 {
     std::filesystem::path dir;
     if (const char *x = getenv("XDG_STATE_HOME"); x != nullptr && *x != '\0')
@@ -87,7 +94,45 @@ std::filesystem::path ports_file(const sockaddr_in &terminal)
         dir = std::filesystem::path(h) / ".local/state";
     else
         return {};
-    return dir / "swu-client" / ("session-" + addr_text(terminal));
+    return dir / "swu-client" / (std::string(kind) + "-" + addr_text(terminal));
+}
+
+// The terminal answers reboot, error and status requests only to the rx port
+// of the session it remembers, so a later command for the same terminal binds
+// that port again.
+std::filesystem::path ports_file(const sockaddr_in &terminal)
+{
+    return state_file("session", terminal);
+}
+
+// Every name a package was announced under, with the package's size and CRC:
+// the terminal keeps a file of that name, and checks a later package sent
+// under it against the old file's tail.
+void remember_name(const sockaddr_in &terminal, const std::string &name, uint64_t size,
+                   uint32_t crc)
+{
+    std::filesystem::path f = state_file("names", terminal);
+    if (f.empty() || name.empty())
+        return;
+    std::error_code ec;
+    std::filesystem::create_directories(f.parent_path(), ec);
+    std::ofstream(f, std::ios::app) << name << " " << size << " " << crc << "\n";
+}
+
+bool name_carried_another(const sockaddr_in &terminal, const std::string &name, uint64_t size,
+                          uint32_t crc)
+{
+    std::filesystem::path f = state_file("names", terminal);
+    if (f.empty())
+        return false;
+    std::ifstream in(f);
+    std::string n;
+    uint64_t sz = 0;
+    uint32_t c = 0;
+    while (in >> n >> sz >> c)
+        if (n == name && (sz != size || c != crc))
+            return true;
+    return false;
 }
 
 void remember_ports(const sockaddr_in &terminal, uint16_t rx, uint16_t stream)
@@ -133,7 +178,7 @@ std::string reason_text(unsigned bits)
 
 void error_line(const std::string &host, const std::string &message)
 {
-    fprintf(stderr, "swu-client: %s: %s\n", host.c_str(), message.c_str());
+    fprintf(stderr, "swu-client: %s: %s\n", printable(host).c_str(), printable(message).c_str());
 }
 
 int finish(const client_options &o, const std::string &host, json j, int code,
@@ -144,7 +189,7 @@ int finish(const client_options &o, const std::string &host, json j, int code,
         j["exit_code"] = code;
         if (!message.empty())
             j["message"] = message;
-        printf("%s\n", j.dump().c_str());
+        print_json(j);
     } else if (code != SWUC_EXIT_OK) {
         error_line(host, message);
     }
@@ -228,7 +273,7 @@ int cmd_discover(const client_options &o, double timeout_s)
         json list = json::array();
         for (const auto &a : found)
             list.push_back(advert_json(a));
-        printf("%s\n", list.dump().c_str());
+        print_json(list);
     } else if (found.empty()) {
         printf("no terminal heard in %.0f s\n", timeout_s);
     } else {
@@ -239,7 +284,7 @@ int cmd_discover(const client_options &o, double timeout_s)
             std::string addr = j["address"].get<std::string>();
             if (a.adv.rx_port != PROTO_SWU_PORT)
                 addr += ":" + std::to_string(a.adv.rx_port);
-            rows.push_back({addr, j["identity"].get<std::string>(),
+            rows.push_back({addr, printable(swuc_advert_id(a.adv)),
                             j["installed_version"].get<std::string>(),
                             j["factory_version"].get<std::string>(), std::to_string(a.adv.conf_ver),
                             j["terminal_type"].get<std::string>(),
@@ -302,8 +347,8 @@ int cmd_status(const client_options &o, const std::string &host)
     printf("terminal   %s:%u\n", addr_text(terminal).c_str(), ntohs(terminal.sin_port));
     if (!connection.empty())
         printf("connected  %s\n", connection.c_str());
-    printf("stage      %u  %s\n", st.stage_code, st.stage_description.c_str());
-    printf("status     %u  %s\n", st.status_code, st.status_message.c_str());
+    printf("stage      %u  %s\n", st.stage_code, printable(st.stage_description).c_str());
+    printf("status     %u  %s\n", st.status_code, printable(st.status_message).c_str());
     printf("progress   %u %%, stage %s\n", st.stage_progress,
            st.stage_complete ? "complete" : "not complete");
     printf("battery    %u %%\n", st.battery_status);
@@ -312,6 +357,56 @@ int cmd_status(const client_options &o, const std::string &host)
 
 namespace
 {
+
+// Refuses, before anything is sent, a package that would harm a terminal
+// (and one that it would only refuse). SWUC_EXIT_OK to go on, with the
+// package's figures in *found; otherwise the exit code and *why.
+int check_package(const client_options &o, const std::string &package, pack_report *found,
+                  std::string *why)
+{
+    if (access(package.c_str(), R_OK) != 0) {
+        *why = "cannot read '" + package + "': " + strerror(errno);
+        return SWUC_EXIT_LOCAL;
+    }
+    std::string err;
+    std::vector<pack_finding> findings;
+    if (pack_verify(package, found, &err) != 0)
+        findings.push_back({true, "the terminal would refuse it: " + err});
+    else
+        findings = pack_review(found->members);
+    int refused = 0;
+    for (const pack_finding &f : findings) {
+        if (!o.json)
+            fprintf(stderr, "swu-client: %s: %s: %s\n", printable(package).c_str(),
+                    f.refuse ? "refused" : "warning", f.text.c_str());
+        if (f.refuse && refused++ == 0)
+            *why = f.text;
+    }
+    if (refused == 0)
+        return SWUC_EXIT_OK;
+    if (o.force) {
+        if (!o.json)
+            fprintf(stderr, "swu-client: --force: sending it anyway\n");
+        return SWUC_EXIT_OK;
+    }
+    *why = "package refused: " + *why +
+           (refused > 1 ? " (and " + std::to_string(refused - 1) + " more)" : "") +
+           "; nothing was sent (--force sends it)";
+    return SWUC_EXIT_PACKAGE;
+}
+
+void warn_reused_name(const client_options &o, const sockaddr_in &terminal,
+                      const update_params &u, const pack_report &pkg)
+{
+    if (o.json || u.name.empty() ||
+        !name_carried_another(terminal, u.name, pkg.package_size, pkg.footer_crc))
+        return;
+    fprintf(stderr,
+            "swu-client: warning: the name '%s' carried another package to %s before; the "
+            "terminal keeps that file and checks this package against its tail, so the check "
+            "is likely to fail. Leave --name out for a fresh name.\n",
+            printable(u.name).c_str(), addr_text(terminal).c_str());
+}
 
 update_params make_params(const client_options &o, const sockaddr_in &terminal,
                           const std::string &package, const update_params &u)
@@ -322,8 +417,6 @@ update_params make_params(const client_options &o, const sockaddr_in &terminal,
     p.rx_port = o.rx_port;
     p.stream_port = o.stream_port;
     p.package_path = package;
-    if (p.name.empty())
-        p.name = std::filesystem::path(package).filename().string();
     p.reply_timeout_ms = o.reply_timeout_ms;
     return p;
 }
@@ -355,6 +448,10 @@ int cmd_update(const client_options &o, const std::string &host, const std::stri
     if (resolve_local(o, &local) != 0)
         return finish(o, host, json::object(), SWUC_EXIT_USAGE,
                       "bad local address '" + o.local_addr + "'");
+    pack_report pkg;
+    if (int code = check_package(o, package, &pkg, &err); code != SWUC_EXIT_OK)
+        return finish(o, host, json::object(), code, err);
+    warn_reused_name(o, terminal, u, pkg);
     update_params p = make_params(o, terminal, package, u);
     update_view view(stdout, isatty(STDOUT_FILENO) != 0, "", nullptr);
     update_events ev = o.json ? update_events{} : view.events();
@@ -363,6 +460,7 @@ int cmd_update(const client_options &o, const std::string &host, const std::stri
     update_outcome out = run_update(p, ev);
     if (out.rx_port != 0)
         remember_ports(terminal, out.rx_port, out.stream_port);
+    remember_name(terminal, out.name, pkg.package_size, pkg.footer_crc);
     if (o.json)
         return finish(o, host, outcome_json(out), out.exit_code, "");
     if (out.exit_code == SWUC_EXIT_OK)
@@ -380,6 +478,9 @@ int cmd_update_all(const client_options &o, const std::string &package, const up
         return SWUC_EXIT_USAGE;
     }
     std::string err;
+    pack_report pkg;
+    if (int code = check_package(o, package, &pkg, &err); code != SWUC_EXIT_OK)
+        return finish(o, package, json::object(), code, err);
     std::vector<swuc_advert> found = listen_for(o, timeout_s, &err);
     if (!err.empty()) {
         fprintf(stderr, "swu-client: %s\n", err.c_str());
@@ -423,7 +524,13 @@ int cmd_update_all(const client_options &o, const std::string &package, const up
             sockaddr_in terminal = swuc_advert_terminal(jb.advert);
             update_view view(stdout, false, "[" + jb.name + "] ", &out_lock, 25);
             update_events ev = o.json ? update_events{} : view.events();
+            {
+                std::lock_guard<std::mutex> guard(out_lock);
+                warn_reused_name(o, terminal, u, pkg);
+            }
             jb.out = run_update(make_params(o, terminal, package, u), ev);
+            std::lock_guard<std::mutex> guard(out_lock);
+            remember_name(terminal, jb.out.name, pkg.package_size, pkg.footer_crc);
             if (!o.json)
                 view.line(jb.out.exit_code == SWUC_EXIT_OK ? summary(jb.out)
                                                            : "FAILED: " + jb.out.message);
@@ -442,26 +549,27 @@ int cmd_update_all(const client_options &o, const std::string &package, const up
         {"TERMINAL", "IDENTITY", "FROM", "RESULT", "TIME", "EXIT", "DETAIL"}};
     for (const job &jb : jobs) {
         const std::string id = swuc_advert_id(jb.advert.adv);
+        const std::string shown_id = printable(id);
         const std::string from = format_version(jb.advert.adv.curr_sw_v);
         if (jb.skipped) {
-            rows.push_back(
-                {jb.name, id, from, "skipped", "-", "-", "busy: another client is connected"});
+            rows.push_back({jb.name, shown_id, from, "skipped", "-", "-",
+                            "busy: another client is connected"});
             list.push_back({{"terminal", jb.name}, {"identity", id}, {"result", "skipped"}});
             continue;
         }
         const bool ok = jb.out.exit_code == SWUC_EXIT_OK;
         failed += ok ? 0 : 1;
-        rows.push_back({jb.name, id, from, ok ? "updated" : "FAILED",
+        rows.push_back({jb.name, shown_id, from, ok ? "updated" : "FAILED",
                         format_duration(jb.out.total_seconds), std::to_string(jb.out.exit_code),
                         ok ? (jb.out.reboot_confirmed ? "rebooting" : "reboot not confirmed")
-                           : jb.out.message});
+                           : printable(jb.out.message)});
         json j = outcome_json(jb.out);
         j["terminal"] = jb.name;
         j["identity"] = id;
         list.push_back(j);
     }
     if (o.json)
-        printf("%s\n", list.dump().c_str());
+        print_json(list);
     else
         fputs(("\n" + format_table(rows)).c_str(), stdout);
     return failed > 0 ? SWUC_EXIT_FLEET : SWUC_EXIT_OK;

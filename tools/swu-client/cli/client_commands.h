@@ -13,12 +13,14 @@ struct client_options {
     uint16_t stream_port = 0; // 0: ephemeral
     int reply_timeout_ms = SWUC_DEFAULT_REPLY_TIMEOUT_MS;
     bool json = false;
+    bool force = false; // update: send a package that would harm the terminal
 };
 
 int cmd_discover(const client_options &o, double timeout_s);
 int cmd_status(const client_options &o, const std::string &host);
-// `u` holds the update options; its name, when empty, becomes the package
-// file's base name.
+// `u` holds the update options; without a name, each stream attempt gets a
+// fresh one. The package is checked first: one that would harm the terminal
+// is refused unless `o.force`.
 int cmd_update(const client_options &o, const std::string &host, const std::string &package,
                const update_params &u);
 // Discovers for `timeout_s`, updates every free terminal, at most `parallel`

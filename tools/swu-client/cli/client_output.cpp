@@ -1,5 +1,7 @@
 #include "client_output.h"
 
+#include "common/printable.h"
+
 #include <algorithm>
 #include <arpa/inet.h>
 #include <cmath>
@@ -101,7 +103,7 @@ void update_view::line(const std::string &text)
     if (lock_ != nullptr)
         guard = std::unique_lock<std::mutex>(*lock_);
     end_bar();
-    fprintf(out_, "%s%s\n", prefix_.c_str(), text.c_str());
+    fprintf(out_, "%s%s\n", prefix_.c_str(), printable(text).c_str());
     fflush(out_);
 }
 
@@ -213,7 +215,9 @@ nlohmann::json outcome_json(const update_outcome &o)
                         {"stream_seconds", o.stream_seconds},
                         {"stream_bytes_per_second", std::round(rate)},
                         {"total_seconds", o.total_seconds},
-                        {"reboot_confirmed", o.reboot_confirmed}};
+                        {"reboot_confirmed", o.reboot_confirmed},
+                        {"package_name", o.name},
+                        {"package_crc", o.package_crc}};
     j["status"] = o.have_status ? status_json(o.last_status) : nlohmann::json(nullptr);
     return j;
 }

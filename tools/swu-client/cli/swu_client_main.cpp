@@ -1,16 +1,16 @@
 // swu-client: the technician's tool for the terminal's update service.
 #include "client_commands.h"
+#include "common/printable.h"
 
 #include <CLI/CLI.hpp>
 
 #include <csignal>
 
-int main(int argc, char **argv)
+namespace
 {
-    // A terminal that vanishes mid-update must give an exit code, not a
-    // signal from writing to a closed pipe.
-    signal(SIGPIPE, SIG_IGN);
 
+int run(int argc, char **argv)
+{
     CLI::App app{"swu-client: finds terminals in update mode, reads their status and updates "
                  "them.\nHOST is an IPv4 address or name, optionally with :PORT (default 12226)."};
     app.require_subcommand(1);
@@ -78,7 +78,11 @@ int main(int argc, char **argv)
                      "seconds to wait for the check and the installation")
         ->check(CLI::Range(1, 86400));
     update->add_option("--name", u.name,
-                       "package name announced to the terminal (default: the file's name)");
+                       "package name announced to the terminal (default: a fresh name for each "
+                       "attempt, from the file's name, size and CRC)");
+    update->add_flag("--force", o.force,
+                     "send a package that would harm the terminal (names its card can't hold, "
+                     "an empty or oversized st.bin, a bad CRC)");
     bool no_reboot = false;
     update->add_flag("--no-reboot", no_reboot,
                      "leave the terminal in its finish state (it restarts by itself after 30 s)");
@@ -122,4 +126,23 @@ int main(int argc, char **argv)
         return SWUC_EXIT_USAGE;
     }
     return cmd_update(o, host, package, u);
+}
+
+} // namespace
+
+int main(int argc, char **argv)
+{
+    // A terminal that vanishes mid-update must give an exit code, not a
+    // signal from writing to a closed pipe.
+    signal(SIGPIPE, SIG_IGN);
+    // Whatever a terminal sends, the technician gets one line and an exit
+    // code, never an abort.
+    try {
+        return run(argc, argv);
+    } catch (const std::exception &e) {
+        fprintf(stderr, "swu-client: unexpected error: %s\n", printable(e.what()).c_str());
+    } catch (...) {
+        fprintf(stderr, "swu-client: unexpected error\n");
+    }
+    return SWUC_EXIT_INTERNAL;
 }

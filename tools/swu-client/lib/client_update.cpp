@@ -1,9 +1,11 @@
 #include "swu-client/lib/client_update.h"
 
+#include "lib/sys/le_bytes.h"
 #include "proto/package.h"
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdio>
 #include <cstring>
 #include <fcntl.h>
 #include <sys/mman.h>
@@ -24,7 +26,9 @@ const char *const swuc_exit_code_help = R"(Exit codes:
   10  the terminal rejected the package or its installation failed
   11  the session was lost (the terminal went back to idle or stopped answering)
   12  no progress: acknowledgements or the installation stalled
-  13  update --all: at least one terminal failed (see the table))";
+  13  update --all: at least one terminal failed (see the table)
+  14  the package was refused before anything was sent (--force sends it)
+  15  an unexpected error inside swu-client)";
 
 namespace
 {
@@ -63,6 +67,7 @@ struct updater {
     const update_events &ev;
     swuc_session s;
     update_outcome out;
+    std::string attempt_name;
 
     updater(const update_params &params, const update_events &events) : p(params), ev(events) {}
 
@@ -171,7 +176,7 @@ struct updater {
     {
         for (int attempt = 0; attempt < STEP_TRIES; attempt++) {
             file_transfer_response_t rsp;
-            if (swuc_stream_request(&s, p.name.c_str(), size, &rsp) == 0) {
+            if (swuc_stream_request(&s, out.name.c_str(), size, &rsp) == 0) {
                 if (rsp.payload_max != PROTO_PAYLOAD_MAX)
                     return fail(SWUC_EXIT_REFUSED, "the terminal asks for packets of " +
                                                        std::to_string(rsp.payload_max) +
@@ -216,6 +221,7 @@ struct updater {
     int stream(const unique_map &pkg)
     {
         out.step = "stream";
+        out.name = attempt_name;
         if (stream_request(pkg.size()) != 0)
             return -1;
         swuc_stream_opts opts;
@@ -317,10 +323,12 @@ struct updater {
         std::string err;
         if (swuc_map_file(p.package_path.c_str(), &pkg, &err) != 0)
             return fail(SWUC_EXIT_LOCAL, err);
-        if (!pkg_name_valid(p.name.data(), p.name.size()))
+        if (!p.name.empty() && !pkg_name_valid(p.name.data(), p.name.size()))
             return fail(SWUC_EXIT_USAGE, "package name '" + p.name + "' is not 1 to " +
                                              std::to_string(PKG_NAME_MAX_LEN) +
                                              " letters, digits, '.', '_' or '-'");
+        const auto *bytes = static_cast<const uint8_t *>(pkg.get());
+        out.package_crc = swuc_footer_crc(bytes, pkg.size());
         if (pkg.size() > PKG_MAX_SIZE)
             return fail(SWUC_EXIT_REFUSED, "the package is larger than the " +
                                                std::to_string(PKG_MAX_SIZE >> 20) +
@@ -329,6 +337,9 @@ struct updater {
             return -1;
         for (int attempt = 0;; attempt++) {
             out.attempts = attempt + 1;
+            attempt_name = !p.name.empty() ? p.name
+                                           : swuc_attempt_name(p.package_path, pkg.size(),
+                                                               out.package_crc, out.attempts);
             if (connect() != 0)
                 return -1;
             if (stream(pkg) == 0)
@@ -377,6 +388,26 @@ int swuc_exit_for_status(unsigned status_code)
 bool swuc_retryable(int exit_code)
 {
     return exit_code == SWUC_EXIT_STALLED || exit_code == SWUC_EXIT_INCOMPLETE;
+}
+
+std::string swuc_attempt_name(const std::string &path, uint64_t size, uint32_t crc, int attempt)
+{
+    char tail[64];
+    snprintf(tail, sizeof tail, "-%llu-%08x-%d", static_cast<unsigned long long>(size), crc,
+             attempt);
+    std::string stem = path.substr(path.find_last_of('/') + 1);
+    for (char &c : stem)
+        if (!pkg_name_char(c))
+            c = '_';
+    if (stem.empty())
+        stem = "package";
+    stem.resize(std::min(stem.size(), PKG_NAME_MAX_LEN - strlen(tail)));
+    return stem + tail;
+}
+
+uint32_t swuc_footer_crc(const uint8_t *data, uint64_t size)
+{
+    return size >= PKG_FOOTER_SIZE ? le_get32(data + size - 4) : 0;
 }
 
 update_outcome run_update(const update_params &params, const update_events &events)

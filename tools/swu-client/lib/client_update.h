@@ -30,6 +30,8 @@ enum swuc_exit_code : int {
     SWUC_EXIT_SESSION_LOST = 11, // the terminal dropped the session or stopped answering
     SWUC_EXIT_STALLED = 12,      // the transfer or the installation made no progress
     SWUC_EXIT_FLEET = 13,        // update --all: at least one terminal failed
+    SWUC_EXIT_PACKAGE = 14,      // the package would harm the terminal; nothing was sent
+    SWUC_EXIT_INTERNAL = 15,     // an unexpected error inside the client
 };
 
 // The exit-code table of the help text.
@@ -48,7 +50,9 @@ struct update_params {
     uint16_t rx_port = 0; // 0: ephemeral
     uint16_t stream_port = 0;
     std::string package_path;
-    std::string name; // as announced to the terminal
+    // As announced to the terminal. Empty: each stream attempt announces a
+    // fresh name (swuc_attempt_name) derived from the package file's name.
+    std::string name;
     uint32_t window = SWUC_DEFAULT_WINDOW;
     int ack_timeout_ms = SWUC_DEFAULT_ACK_TIMEOUT_MS;
     int reply_timeout_ms = SWUC_DEFAULT_REPLY_TIMEOUT_MS;
@@ -79,7 +83,21 @@ struct update_outcome {
     bool reboot_confirmed = false;
     uint16_t rx_port = 0; // the ports the session used
     uint16_t stream_port = 0;
+    std::string name;     // the name of the last stream requested; "" when none was
+    uint32_t package_crc = 0; // as its footer records it
 };
+
+// The name under which stream attempt `attempt` (1, 2, ...) of a package
+// travels: "<stem>-<size>-<crc>-<attempt>", with the package file's base name
+// cut to the characters and the length the terminal takes. The terminal
+// writes into an existing file of the same name without truncating it and
+// checks the whole file, so a name must never carry two different packages;
+// size and CRC in the name see to that.
+std::string swuc_attempt_name(const std::string &path, uint64_t size, uint32_t crc, int attempt);
+
+// The CRC a package's footer records (its last four bytes, little-endian); 0
+// when it is too short to have a footer.
+uint32_t swuc_footer_crc(const uint8_t *data, uint64_t size);
 
 // Runs one update to its end. Never throws; every failure is in the outcome.
 update_outcome run_update(const update_params &params, const update_events &events);
