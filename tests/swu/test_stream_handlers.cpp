@@ -1,4 +1,5 @@
 #include "handler_test.h"
+#include "platform/platform.h"
 
 #include <sys/stat.h>
 
@@ -94,11 +95,16 @@ TEST_F(StreamHandlers, StreamRequestIsCheckedBeforeTheFileIsCreated)
             EXPECT_EQ(request(10, "ok"), SM_EVNT_EXT_STREAM_REQ) << "only one request fails";
         }
     }
+}
 
-    // A disk that can't hold the package refuses it now, not at a packet.
+TEST_F(StreamHandlers, ADiskThatCannotHoldThePackageRefusesItAtTheRequest)
+{
+    if (!plat_is_simulation())
+        GTEST_SKIP() << "the full disk is the host simulation's";
     root_.fail("reserve", 1, ENOSPC);
     EXPECT_EQ(request(3000, "full"), SM_EVNT_INT_ERROR);
     EXPECT_EQ(g_status_code, SWU_STAGE_CODE_MEM_ALLOC_FAILURE);
+    EXPECT_EQ(request(3000, "room"), SM_EVNT_EXT_STREAM_REQ) << "only while the disk is full";
 }
 
 TEST_F(StreamHandlers, APacketTheDiskCannotTakeIsNotCountedAndTheDaemonLives)
