@@ -45,6 +45,9 @@ inline constexpr size_t ARTIFACT_NAME_MAX_LEN = 127;
 // The artifact that reprograms the supervisor microcontroller, and the size
 // of its application area (what the programming reads back to check).
 inline constexpr char MCU_IMAGE_ARTIFACT[] = "st.bin";
+// The artifact whose "[pkg_data]" section's "version" key is the version the
+// package installs, and which the terminal advertises once installed.
+inline constexpr char VERSION_ARTIFACT[] = "pkg_ver.txt";
 inline constexpr size_t MCU_APP_AREA_SIZE = 204800;
 
 struct pkg_metadata {

@@ -1,16 +1,19 @@
 #include "pack.h"
 
-#include "lib/sys/unique_fd.h"
 #include "common/printable.h"
+#include "lib/sys/unique_fd.h"
 #include "proto/package.h"
 
+#include <algorithm>
 #include <archive.h>
 #include <archive_entry.h>
 #include <cctype>
 #include <cerrno>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
+#include <functional>
 #include <map>
 #include <memory>
 #include <sys/stat.h>
@@ -211,6 +214,76 @@ const char *kind_name(pack_kind kind)
     return "?";
 }
 
+constexpr int64_t VERSION_FILE_MAX = 65536;
+
+// A member's path as tar writes it: without "./" and a trailing slash.
+std::string member_path(std::string name)
+{
+    while (name.compare(0, 2, "./") == 0)
+        name.erase(0, 2);
+    while (!name.empty() && name.back() == '/')
+        name.pop_back();
+    return name;
+}
+
+// The name of a member at the top of the archive; "" for any other.
+std::string top_level_name(const std::string &name)
+{
+    std::string path = member_path(name);
+    return path.find('/') == std::string::npos ? path : std::string();
+}
+
+// FAT ignores case.
+std::string fold_case(std::string name)
+{
+    for (char &c : name)
+        c = static_cast<char>(tolower(static_cast<unsigned char>(c)));
+    return name;
+}
+
+// Feeds the current member's data to `take`. 0, or -1 when it can't be read.
+int read_member(struct archive *a, const std::function<void(const char *, size_t)> &take)
+{
+    char chunk[16384];
+    for (;;) {
+        la_ssize_t n = archive_read_data(a, chunk, sizeof chunk);
+        if (n < 0)
+            return -1;
+        if (n == 0)
+            return 0;
+        take(chunk, static_cast<size_t>(n));
+    }
+}
+
+// The "version" key of the "[pkg_data]" section, as an INI reader takes it:
+// blanks around names and values dropped, ';' and '#' lines ignored.
+bool version_key(const std::string &text, std::string *value)
+{
+    auto trim = [](std::string t) {
+        size_t b = t.find_first_not_of(" \t\r"), e = t.find_last_not_of(" \t\r");
+        return b == std::string::npos ? std::string() : t.substr(b, e - b + 1);
+    };
+    std::string section;
+    size_t at = 0;
+    while (at <= text.size()) {
+        size_t eol = text.find('\n', at);
+        std::string line = trim(text.substr(at, eol == std::string::npos ? eol : eol - at));
+        at = eol == std::string::npos ? text.size() + 1 : eol + 1;
+        if (line.empty() || line[0] == ';' || line[0] == '#')
+            continue;
+        if (line[0] == '[') {
+            section = trim(line.substr(1, line.find(']') - 1));
+            continue;
+        }
+        size_t eq = line.find_first_of("=:");
+        if (section == "pkg_data" && eq != std::string::npos && trim(line.substr(0, eq)) == "version") {
+            *value = trim(line.substr(eq + 1));
+            return true;
+        }
+    }
+    return false;
+}
+
 } // namespace
 
 std::string pack_name_problem(const std::string &name)
@@ -315,8 +388,27 @@ int pack_verify(const std::string &path, pack_report *report, std::string *err)
         else if (archive_entry_filetype(entry) != AE_IFREG)
             kind = PACK_OTHER;
         report->members.push_back({archive_entry_pathname(entry), kind, archive_entry_size(entry)});
-        if (archive_read_data_skip(a.get()) != ARCHIVE_OK)
+        const std::string artifact = kind == PACK_FILE ? top_level_name(report->members.back().name)
+                                                       : std::string();
+        if (artifact == VERSION_ARTIFACT && archive_entry_size(entry) <= VERSION_FILE_MAX) {
+            std::string text;
+            if (read_member(a.get(), [&](const char *p, size_t n) { text.append(p, n); }) != 0)
+                break;
+            report->has_version = version_key(text, &report->version_text);
+            report->version = pack_parse_version(report->version_text);
+        } else if (fold_case(artifact) == MCU_IMAGE_ARTIFACT) {
+            uint32_t crc = ~0u;
+            if (read_member(a.get(), [&](const char *p, size_t n) {
+                    for (size_t i = 0; i < n; i++)
+                        crc = crc32_table[(crc ^ static_cast<uint8_t>(p[i])) & 0xFF] ^ (crc >> 8);
+                }) != 0)
+                break;
+            report->has_mcu_image = true;
+            report->mcu_image_size = static_cast<uint64_t>(archive_entry_size(entry));
+            report->mcu_image_crc32 = ~crc;
+        } else if (archive_read_data_skip(a.get()) != ARCHIVE_OK) {
             break;
+        }
     }
     std::string problems;
     if (report->payload_crc != report->footer_crc) {
@@ -348,11 +440,7 @@ std::vector<pack_finding> pack_review(const std::vector<pack_listed> &members)
     std::vector<pack_finding> found;
     std::map<std::string, std::string> folded_names; // FAT ignores case
     for (const pack_listed &m : members) {
-        std::string name = m.name;
-        while (name.compare(0, 2, "./") == 0)
-            name.erase(0, 2);
-        while (!name.empty() && name.back() == '/')
-            name.pop_back();
+        const std::string name = member_path(m.name);
         if (name.empty() || name == ".")
             continue; // the archive's own top directory
         const std::string shown = "'" + printable(name) + "'";
@@ -373,9 +461,7 @@ std::vector<pack_finding> pack_review(const std::vector<pack_listed> &members)
             found.push_back({true, "artifact " + shown + ": " + problem});
             continue;
         }
-        std::string folded = name;
-        for (char &c : folded)
-            c = static_cast<char>(tolower(static_cast<unsigned char>(c)));
+        const std::string folded = fold_case(name);
         auto [it, added] = folded_names.emplace(folded, name);
         if (!added)
             found.push_back({true, "artifacts '" + printable(it->second) + "' and " + shown +
@@ -392,4 +478,31 @@ std::vector<pack_finding> pack_review(const std::vector<pack_listed> &members)
                                        std::to_string(MCU_APP_AREA_SIZE)});
     }
     return found;
+}
+
+pack_version pack_parse_version(const std::string &text)
+{
+    // As the terminal splits it (strtok): empty pieces don't count.
+    pack_version version;
+    int i = 0;
+    for (size_t at = 0; i < 3 && at < text.size();) {
+        size_t dot = std::min(text.find('.', at), text.size());
+        if (dot > at)
+            version.v[i++] = static_cast<uint16_t>(strtoul(text.substr(at, dot - at).c_str(), nullptr, 10));
+        at = dot + 1;
+    }
+    return version;
+}
+
+int pack_version_compare(const pack_version &a, const pack_version &b)
+{
+    for (int i = 0; i < 3; i++)
+        if (a.v[i] != b.v[i])
+            return a.v[i] < b.v[i] ? -1 : 1;
+    return 0;
+}
+
+std::string pack_version_text(const pack_version &v)
+{
+    return std::to_string(v.v[0]) + "." + std::to_string(v.v[1]) + "." + std::to_string(v.v[2]);
 }

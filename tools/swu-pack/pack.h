@@ -32,12 +32,28 @@ struct pack_listed {
     int64_t size;
 };
 
+// A version as the terminal reads it from its version file: up to three
+// numbers separated by dots, missing ones 0.
+struct pack_version {
+    uint16_t v[3] = {};
+};
+pack_version pack_parse_version(const std::string &text);
+// <0, 0 or >0 as a is older than, the same as or newer than b.
+int pack_version_compare(const pack_version &a, const pack_version &b);
+std::string pack_version_text(const pack_version &v);
+
 struct pack_report {
     uint32_t artifacts_bitmask = 0;
     uint32_t footer_crc = 0;
     uint32_t payload_crc = 0;
     uint64_t package_size = 0;
     std::vector<pack_listed> members;
+    bool has_version = false; // the version file holds a "[pkg_data]" "version" key
+    std::string version_text; // that key's value as written
+    pack_version version;
+    bool has_mcu_image = false;
+    uint64_t mcu_image_size = 0;
+    uint32_t mcu_image_crc32 = 0; // the common CRC-32 (zlib's)
 };
 
 // Why the terminal could not install an artifact of this name, or "" when it
@@ -71,7 +87,7 @@ const char *pack_kind_name(pack_kind kind);
 int pack_write(const std::string &out_path, const std::vector<pack_member> &members,
                uint32_t bitmask, uint64_t max_size, std::string *err);
 
-// Checks the footer CRC of the package at `path` without changing it and lists
-// the archive's members. 0 when the CRC matches and the archive reads to its
+// Checks the footer CRC of the package at `path` without changing it, lists
+// the archive's members and reads its version file and microcontroller image. 0 when the CRC matches and the archive reads to its
 // end; -1 with the reason in *err otherwise (*report holds what was found).
 int pack_verify(const std::string &path, pack_report *report, std::string *err);

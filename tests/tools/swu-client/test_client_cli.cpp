@@ -205,12 +205,44 @@ TEST_F(ClientCli, AHarmfulPackageIsRefusedBeforeAnythingIsSent)
                {"update", "127.0.0.1", empty_st, "--force", "--reply-timeout", "100", "--json"});
     EXPECT_EQ(u.exit_code, SWUC_EXIT_NO_ANSWER) << u.out << u.err;
 
+    run_result c = client(root_, {"check", empty_st});
+    EXPECT_EQ(c.exit_code, SWUC_EXIT_PACKAGE) << c.out;
+    EXPECT_NE(c.out.find("REFUSED  'st.bin' is empty"), std::string::npos) << c.out;
+    const std::string good = make_package("good.swu", {file_member("st.bin", "123456789")});
+    c = client(root_, {"check", good});
+    EXPECT_EQ(c.exit_code, 0) << c.out;
+    EXPECT_NE(c.out.find("st.bin     9 bytes, crc32 0xCBF43926\n"), std::string::npos) << c.out;
+    EXPECT_NE(c.out.find("verdict    ok"), std::string::npos) << c.out;
+
     root_.write("client/noise.bin", test_bytes(5000, 8));
     u = client(root_, {"update", "127.0.0.1", root_.path("client/noise.bin"), "--json"});
     EXPECT_EQ(u.exit_code, SWUC_EXIT_PACKAGE) << u.out << u.err;
     EXPECT_NE(parsed(u)["message"].get<std::string>().find("the terminal would refuse it: CRC"),
               std::string::npos)
         << u.out;
+}
+
+// The terminal runs 1.2.3: the same version or an older one is not sent
+// unless asked for; a dry run checks the terminal and sends nothing.
+TEST_F(ClientCli, VersionFloorAndDryRun)
+{
+    ASSERT_NO_FATAL_FAILURE(start());
+    const std::string same =
+        make_package("same.swu", {file_member("pkg_ver.txt", "[pkg_data]\nversion=1.2.3\n")});
+    run_result u = client(root_, {"update", "127.0.0.1", same, "--dry-run"});
+    EXPECT_EQ(u.exit_code, SWUC_EXIT_VERSION) << u.out << u.err;
+    EXPECT_NE(u.err.find("the package installs 1.2.3, the terminal runs 1.2.3 (--reinstall"),
+              std::string::npos)
+        << u.err;
+    u = client(root_, {"update", "127.0.0.1", same, "--dry-run", "--reinstall", "--json"});
+    EXPECT_EQ(u.exit_code, 0) << u.out << u.err;
+    EXPECT_EQ(parsed(u)["terminal_state"], "free") << u.out;
+    EXPECT_EQ(parsed(u)["installed_version"], "1.2.3") << u.out;
+    const std::string older =
+        make_package("older.swu", {file_member("pkg_ver.txt", "[pkg_data]\nversion=1.2\n")});
+    u = client(root_, {"update", "127.0.0.1", older, "--reinstall"});
+    EXPECT_EQ(u.exit_code, SWUC_EXIT_VERSION) << u.out << u.err;
+    EXPECT_TRUE(std::filesystem::is_empty(root_.path("work"))) << "nothing was sent";
 }
 
 } // namespace

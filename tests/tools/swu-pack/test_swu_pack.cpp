@@ -107,6 +107,32 @@ TEST(PackReview, RefusesWhatWouldHarmTheTerminalAndWarnsOfWhatItIgnores)
     }
 }
 
+TEST(PackVersion, ReadAsTheTerminalReadsItFromThePackageAndCompared)
+{
+    for (const auto &[text, read] : {std::pair{"2.10.3", "2.10.3"}, {"1..2", "1.2.0"},
+                                     {"7", "7.0.0"}, {"", "0.0.0"}})
+        EXPECT_EQ(pack_version_text(pack_parse_version(text)), read) << text;
+    EXPECT_LT(pack_version_compare(pack_parse_version("1.9.9"), pack_parse_version("2")), 0);
+    EXPECT_EQ(pack_version_compare(pack_parse_version("2.0"), pack_parse_version("2.0.0")), 0);
+    EXPECT_GT(pack_version_compare(pack_parse_version("1.2.10"), pack_parse_version("1.2.9")), 0);
+
+    SimRoot dir;
+    pack_member ver, image;
+    ver.name = "pkg_ver.txt";
+    ver.data = "; note\n[other]\nversion=9\n[pkg_data]\n version = 2.0.1 \n";
+    image.name = "ST.BIN";
+    image.data = "123456789";
+    std::string err;
+    ASSERT_EQ(pack_write(dir.path("p.swu"), {ver, image}, 0, PKG_MAX_SIZE, &err), 0) << err;
+    pack_report r;
+    ASSERT_EQ(pack_verify(dir.path("p.swu"), &r, &err), 0) << err;
+    EXPECT_TRUE(r.has_version);
+    EXPECT_EQ(r.version_text, "2.0.1");
+    EXPECT_TRUE(r.has_mcu_image);
+    EXPECT_EQ(r.mcu_image_size, 9u);
+    EXPECT_EQ(r.mcu_image_crc32, 0xCBF43926u) << "the common CRC-32";
+}
+
 TEST(SwuPack, RefusesAHarmfulPackageUnlessForcedAndVerifiesAsItPacks)
 {
     SimRoot dir;

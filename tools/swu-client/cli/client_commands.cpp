@@ -3,7 +3,9 @@
 #include "client_output.h"
 #include "common/printable.h"
 #include "pack.h"
+#include "proto/package.h"
 
+#include <algorithm>
 #include <arpa/inet.h>
 #include <atomic>
 #include <cerrno>
@@ -259,6 +261,27 @@ std::vector<swuc_advert> listen_for(const client_options &o, double timeout_s, s
     return found;
 }
 
+// Waits at most `timeout_s` for the advertisement of the terminal at
+// `terminal` (its address and protocol port).
+bool find_advert(const client_options &o, const sockaddr_in &terminal, double timeout_s,
+                 swuc_advert *found)
+{
+    in_addr_t local;
+    swuc_listener l;
+    if (resolve_local(o, &local) != 0 || swuc_listen_open(&l, local) != 0)
+        return false;
+    const int64_t deadline = swuc_now_ms() + static_cast<int64_t>(timeout_s * 1000);
+    bool heard = false;
+    for (int64_t left; !heard && (left = deadline - swuc_now_ms()) > 0;) {
+        if (swuc_listen_next(&l, found, static_cast<int>(left)) != 0)
+            break;
+        const sockaddr_in at = swuc_advert_terminal(*found);
+        heard = at.sin_addr.s_addr == terminal.sin_addr.s_addr && at.sin_port == terminal.sin_port;
+    }
+    swuc_listen_close(&l);
+    return heard;
+}
+
 } // namespace
 
 int cmd_discover(const client_options &o, double timeout_s)
@@ -408,6 +431,60 @@ void warn_reused_name(const client_options &o, const sockaddr_in &terminal,
             printable(u.name).c_str(), addr_text(terminal).c_str());
 }
 
+// The version floor: SWUC_EXIT_OK, or SWUC_EXIT_VERSION with *why.
+int version_floor(const client_options &o, const pack_version &installed, const pack_report &pkg,
+                  std::string *why)
+{
+    if (!pkg.has_version)
+        return SWUC_EXIT_OK; // the package does not change the advertised version
+    const int cmp = pack_version_compare(pkg.version, installed);
+    const std::string versions = "the package installs " + pack_version_text(pkg.version) +
+                                 ", the terminal runs " + pack_version_text(installed);
+    if (cmp < 0 && !o.allow_downgrade) {
+        *why = versions + " (--allow-downgrade sends it)";
+        return SWUC_EXIT_VERSION;
+    }
+    if (cmp == 0 && !o.reinstall) {
+        *why = versions + " (--reinstall sends it)";
+        return SWUC_EXIT_VERSION;
+    }
+    return SWUC_EXIT_OK;
+}
+
+// Connects and lets the session lapse: what an update would meet.
+int dry_run(const client_options &o, const std::string &host, const sockaddr_in &terminal,
+            json j)
+{
+    swuc_session s;
+    std::string err;
+    if (open_session(&s, o, terminal, false, &err) != 0)
+        return finish(o, host, j, SWUC_EXIT_LOCAL, err);
+    conection_response_t rsp;
+    if (swuc_connect(&s, &rsp) != 0)
+        return finish(o, host, j, SWUC_EXIT_NO_ANSWER, "no answer to the connection request");
+    const std::string power = rsp.power_source == SWU_PWR_SRC_BATTERY ? "battery" : "external";
+    j["power_source"] = power;
+    j["battery"] = rsp.bettery_status;
+    int code = SWUC_EXIT_OK;
+    std::string state = "free";
+    if (rsp.connection_status == SWU_CON_RES_ALREADY_CONNECTED) {
+        code = SWUC_EXIT_BUSY;
+        state = "busy: another client is connected";
+    } else if (rsp.connection_status == SWU_CON_RES_BATTERY_TOO_LOW) {
+        code = SWUC_EXIT_BATTERY;
+        state = "battery too low for an update";
+    }
+    j["terminal_state"] = state;
+    if (!o.json) {
+        printf("terminal   %s, %s power, battery %u %%\n", state.c_str(), power.c_str(),
+               rsp.bettery_status);
+        printf("dry run    %s\n", code == SWUC_EXIT_OK ? "an update would start; nothing was sent"
+                                                       : "an update would not start");
+    }
+    j["result"] = code == SWUC_EXIT_OK ? "would update" : "would fail";
+    return finish(o, host, j, code, code == SWUC_EXIT_OK ? "" : state);
+}
+
 update_params make_params(const client_options &o, const sockaddr_in &terminal,
                           const std::string &package, const update_params &u)
 {
@@ -451,6 +528,26 @@ int cmd_update(const client_options &o, const std::string &host, const std::stri
     pack_report pkg;
     if (int code = check_package(o, package, &pkg, &err); code != SWUC_EXIT_OK)
         return finish(o, host, json::object(), code, err);
+    // The installed version comes with the terminal's advertisement (every
+    // 3 s).
+    json j = {{"package_version", pkg.has_version ? pack_version_text(pkg.version) : ""}};
+    swuc_advert adv;
+    if (find_advert(o, terminal, 3.5, &adv)) {
+        pack_version installed;
+        std::copy(adv.adv.curr_sw_v, adv.adv.curr_sw_v + 3, installed.v);
+        j["installed_version"] = pack_version_text(installed);
+        if (!o.json && o.dry_run)
+            printf("versions   package %s, installed %s\n",
+                   pkg.has_version ? pack_version_text(pkg.version).c_str() : "(none)",
+                   pack_version_text(installed).c_str());
+        if (int code = version_floor(o, installed, pkg, &err); code != SWUC_EXIT_OK)
+            return finish(o, host, j, code, err);
+    } else if (!o.json) {
+        printf("installed version unknown (no advertisement heard from %s); not compared\n",
+               addr_text(terminal).c_str());
+    }
+    if (o.dry_run)
+        return dry_run(o, host, terminal, j);
     warn_reused_name(o, terminal, u, pkg);
     update_params p = make_params(o, terminal, package, u);
     update_view view(stdout, isatty(STDOUT_FILENO) != 0, "", nullptr);
@@ -498,6 +595,7 @@ int cmd_update_all(const client_options &o, const std::string &package, const up
         swuc_advert advert;
         std::string name;
         bool skipped = false;
+        std::string why; // of a skip
         update_outcome out;
     };
     std::vector<job> jobs(found.size());
@@ -507,6 +605,11 @@ int cmd_update_all(const client_options &o, const std::string &package, const up
         if (found[i].adv.rx_port != PROTO_SWU_PORT)
             jobs[i].name += ":" + std::to_string(found[i].adv.rx_port);
         jobs[i].skipped = found[i].adv.connection_status != SWU_CON_STATUS_AVAIL;
+        jobs[i].why = "busy: another client is connected";
+        pack_version installed;
+        std::copy(found[i].adv.curr_sw_v, found[i].adv.curr_sw_v + 3, installed.v);
+        if (!jobs[i].skipped && version_floor(o, installed, pkg, &jobs[i].why) != SWUC_EXIT_OK)
+            jobs[i].skipped = true;
     }
     if (!o.json)
         printf("updating %zu of %zu terminals heard, at most %d at once\n",
@@ -552,9 +655,9 @@ int cmd_update_all(const client_options &o, const std::string &package, const up
         const std::string shown_id = printable(id);
         const std::string from = format_version(jb.advert.adv.curr_sw_v);
         if (jb.skipped) {
-            rows.push_back({jb.name, shown_id, from, "skipped", "-", "-",
-                            "busy: another client is connected"});
-            list.push_back({{"terminal", jb.name}, {"identity", id}, {"result", "skipped"}});
+            rows.push_back({jb.name, shown_id, from, "skipped", "-", "-", jb.why});
+            list.push_back(
+                {{"terminal", jb.name}, {"identity", id}, {"result", "skipped"}, {"why", jb.why}});
             continue;
         }
         const bool ok = jb.out.exit_code == SWUC_EXIT_OK;
@@ -615,4 +718,63 @@ int cmd_reboot(const client_options &o, const std::string &host)
 int cmd_ack_error(const client_options &o, const std::string &host)
 {
     return end_request(o, host, false);
+}
+
+int cmd_check(const client_options &o, const std::string &package)
+{
+    pack_report pkg;
+    std::string err;
+    if (access(package.c_str(), R_OK) != 0)
+        return finish(o, package, json::object(), SWUC_EXIT_LOCAL,
+                      "cannot read '" + package + "': " + strerror(errno));
+    const bool intact = pack_verify(package, &pkg, &err) == 0;
+    std::vector<pack_finding> findings = pack_review(pkg.members);
+    if (!intact)
+        findings.insert(findings.begin(), {true, err});
+    const bool refused =
+        std::any_of(findings.begin(), findings.end(), [](const pack_finding &f) { return f.refuse; });
+    char crc[16], mcu_crc[16];
+    snprintf(crc, sizeof crc, "0x%08X", pkg.footer_crc);
+    snprintf(mcu_crc, sizeof mcu_crc, "0x%08X", pkg.mcu_image_crc32);
+    if (o.json) {
+        json members = json::array(), found = json::array();
+        for (const pack_listed &m : pkg.members)
+            members.push_back({{"name", m.name}, {"kind", pack_kind_name(m.kind)}, {"size", m.size}});
+        for (const pack_finding &f : findings)
+            found.push_back({{"refuse", f.refuse}, {"text", f.text}});
+        json j = {{"size", pkg.package_size},
+                  {"artifacts_bitmask", pkg.artifacts_bitmask},
+                  {"footer_crc", pkg.footer_crc},
+                  {"payload_crc", pkg.payload_crc},
+                  {"members", members},
+                  {"findings", found},
+                  {"version", pkg.has_version ? pack_version_text(pkg.version) : ""},
+                  {"st_bin", pkg.has_mcu_image ? json{{"size", pkg.mcu_image_size},
+                                                      {"crc32", pkg.mcu_image_crc32}}
+                                               : json(nullptr)},
+                  {"result", refused ? "refused" : "ok"}};
+        return finish(o, package, j, refused ? SWUC_EXIT_PACKAGE : SWUC_EXIT_OK, "");
+    }
+    printf("package    %s, %llu bytes\n", printable(package).c_str(),
+           static_cast<unsigned long long>(pkg.package_size));
+    printf("footer     bitmask 0x%X, crc %s\n", pkg.artifacts_bitmask, crc);
+    printf("crc        %s\n", pkg.payload_crc == pkg.footer_crc ? "ok" : "MISMATCH");
+    for (const pack_listed &m : pkg.members)
+        printf("  %12lld  %s%s%s\n", static_cast<long long>(m.size), printable(m.name).c_str(),
+               m.kind == PACK_FILE ? "" : "  ", m.kind == PACK_FILE ? "" : pack_kind_name(m.kind));
+    printf("version    %s\n",
+           pkg.has_version ? (pack_version_text(pkg.version) + " (\"" +
+                              printable(pkg.version_text) + "\" in " + VERSION_ARTIFACT + ")")
+                                 .c_str()
+                           : "none: the package leaves the advertised version as it is");
+    if (pkg.has_mcu_image)
+        printf("st.bin     %llu bytes, crc32 %s\n",
+               static_cast<unsigned long long>(pkg.mcu_image_size), mcu_crc);
+    else
+        printf("st.bin     none: the microcontroller is not reprogrammed\n");
+    for (const pack_finding &f : findings)
+        printf("%s  %s\n", f.refuse ? "REFUSED" : "warning", f.text.c_str());
+    printf("verdict    %s\n", refused ? "REFUSED: this package must not be sent"
+                                      : "ok: the package can be sent");
+    return refused ? SWUC_EXIT_PACKAGE : SWUC_EXIT_OK;
 }

@@ -14,7 +14,14 @@ struct client_options {
     int reply_timeout_ms = SWUC_DEFAULT_REPLY_TIMEOUT_MS;
     bool json = false;
     bool force = false; // update: send a package that would harm the terminal
+    bool dry_run = false;         // update: check everything, stream nothing
+    bool allow_downgrade = false; // update: send a package older than the installed one
+    bool reinstall = false;       // update: send the installed version again
 };
+
+// Shows and verifies a package without a terminal: footer, CRC, listing
+// against the artifact rules, version, microcontroller image.
+int cmd_check(const client_options &o, const std::string &package);
 
 int cmd_discover(const client_options &o, double timeout_s);
 int cmd_status(const client_options &o, const std::string &host);

@@ -80,6 +80,12 @@ int run(int argc, char **argv)
     update->add_option("--name", u.name,
                        "package name announced to the terminal (default: a fresh name for each "
                        "attempt, from the file's name, size and CRC)");
+    update->add_flag("--dry-run", o.dry_run,
+                     "connect and check everything an update would (package, free or busy, "
+                     "battery, versions), send nothing, and let the session lapse");
+    update->add_flag("--allow-downgrade", o.allow_downgrade,
+                     "send a package older than the installed version");
+    update->add_flag("--reinstall", o.reinstall, "send a package of the installed version");
     update->add_flag("--force", o.force,
                      "send a package that would harm the terminal (names its card can't hold, "
                      "an empty or oversized st.bin, a bad CRC)");
@@ -87,6 +93,12 @@ int run(int argc, char **argv)
     update->add_flag("--no-reboot", no_reboot,
                      "leave the terminal in its finish state (it restarts by itself after 30 s)");
     common(update, true);
+
+    CLI::App *check = app.add_subcommand(
+        "check", "show and verify a package without a terminal: footer, CRC, listing against "
+                 "the artifact rules, version, st.bin");
+    check->add_option("PACKAGE", package, "the update package")->required();
+    check->add_flag("--json", o.json, "print one machine-readable result (JSON) and nothing else");
 
     CLI::App *reboot =
         app.add_subcommand("reboot", "ask a terminal that finished its update to reboot");
@@ -110,6 +122,8 @@ int run(int argc, char **argv)
         return cmd_discover(o, timeout_s);
     if (*status)
         return cmd_status(o, host);
+    if (*check)
+        return cmd_check(o, package);
     if (*reboot)
         return cmd_reboot(o, host);
     if (*ack)

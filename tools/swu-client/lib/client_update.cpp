@@ -28,7 +28,9 @@ const char *const swuc_exit_code_help = R"(Exit codes:
   12  no progress: acknowledgements or the installation stalled
   13  update --all: at least one terminal failed (see the table)
   14  the package was refused before anything was sent (--force sends it)
-  15  an unexpected error inside swu-client)";
+  15  an unexpected error inside swu-client
+  16  the package is older than the installed version, or the same
+      (--allow-downgrade, --reinstall send it))";
 
 namespace
 {
@@ -162,7 +164,10 @@ struct updater {
                     note("connected");
                     return 0;
                 }
-                return fail(SWUC_EXIT_BUSY, "busy: another client is connected to the terminal");
+                return fail(SWUC_EXIT_BUSY,
+                            "busy: another client is connected to the terminal (a session of "
+                            "this machine that ended abruptly lapses once nothing here asks "
+                            "for status for 5 s)");
             }
             default:
                 return fail(SWUC_EXIT_NO_ANSWER,

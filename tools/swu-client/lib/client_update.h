@@ -32,6 +32,7 @@ enum swuc_exit_code : int {
     SWUC_EXIT_FLEET = 13,        // update --all: at least one terminal failed
     SWUC_EXIT_PACKAGE = 14,      // the package would harm the terminal; nothing was sent
     SWUC_EXIT_INTERNAL = 15,     // an unexpected error inside the client
+    SWUC_EXIT_VERSION = 16,      // the package is not newer than the installed version
 };
 
 // The exit-code table of the help text.
