@@ -4,6 +4,7 @@
 #include "lib/sys/swu_assert.h"
 #include "lib/sys/unique_fd.h"
 #include "platform/platform.h"
+#include "sign/manifest.h"
 
 #include <cerrno>
 #include <cstdio>
@@ -24,13 +25,23 @@ namespace
 // BusyBox tar both read it so when extracting).
 constexpr char UNZIP_CMD[] = "tar -o -xzf %s -C %s";
 
+// With this public key in place the terminal installs signed packages only.
+constexpr char TRUSTED_KEY_FILE[] = "/etc/swu/trusted.pub";
+
+bool signing_required()
+{
+    return access(plat_path(TRUSTED_KEY_FILE).c_str(), F_OK) == 0;
+}
+
 // Removes from the staging directory everything but the regular files at its
 // top. A link or directory left by an earlier package would otherwise let
 // this package's members be written through it, outside the directory (tar
 // follows a link that is already on disk). Leftover names that can never be
 // artifacts go too, so they can't block later packages. The regular files
-// stay: they count as artifacts of this run. False when something stayed.
-bool purge_staging(const std::string &staging)
+// stay: they count as artifacts of this run; unless `everything` goes, so
+// that a signed package's check sees its own artifacts alone. False when
+// something stayed.
+bool purge_staging(const std::string &staging, bool everything)
 {
     DIR *dir = opendir(staging.c_str());
     if (dir == nullptr)
@@ -40,7 +51,7 @@ bool purge_staging(const std::string &staging)
         if (strcmp(ent->d_name, ".") == 0 || strcmp(ent->d_name, "..") == 0)
             continue;
         struct stat st;
-        if (fstatat(dirfd(dir), ent->d_name, &st, AT_SYMLINK_NOFOLLOW) == 0 &&
+        if (!everything && fstatat(dirfd(dir), ent->d_name, &st, AT_SYMLINK_NOFOLLOW) == 0 &&
             S_ISREG(st.st_mode) && strlen(ent->d_name) < ARTIFACT_NAME_SIZE)
             continue;
         doomed.push_back(staging + ent->d_name);
@@ -144,7 +155,7 @@ int do_extract_pkg(const char *path)
         perror("mkdir faild....\n");
         return -1;
     }
-    if (!purge_staging(staging)) {
+    if (!purge_staging(staging, signing_required())) {
         perror("extract cmd failed");
         return -1;
     }
@@ -167,11 +178,34 @@ int do_extract_pkg(const char *path)
     return 0;
 }
 
+namespace
+{
+
+// The unpacked package against its signed manifest, when the terminal holds a
+// trusted key; before anything touches the card or the microcontroller.
+bool signature_accepted()
+{
+    if (!signing_required())
+        return true;
+    std::vector<uint8_t> pk;
+    std::string why;
+    if (sign_read_key(plat_path(TRUSTED_KEY_FILE), SIGN_PUBLIC_KEY_SIZE, &pk, &why) == 0 &&
+        manifest_check_dir(plat_path("/tmp/pkg"), pk, &why) == 0) {
+        printf("package signature verified\n");
+        return true;
+    }
+    printf("package refused, signature check failed: %s\n", why.c_str());
+    fflush(stdout);
+    return false;
+}
+
+} // namespace
+
 int do_pkg_validation(const char *path, pkg_metadata_t *pkg_data)
 {
     if (check_pkg_crc(path, pkg_data) != 0)
         return -1;
-    if (do_extract_pkg(path) == 0) {
+    if (do_extract_pkg(path) == 0 && signature_accepted()) {
         g_instatll_status = INSTALL_STT_ARTIFACT_OK;
         return 0;
     }

@@ -1,6 +1,7 @@
 // The installation thread, driven as the state machine drives it: the
 // go-ahead after a passed check, the acknowledgement after the verdict.
 #include "pkg_fixture.h"
+#include "sign/manifest.h"
 #include "support/stm32_sim.h"
 
 #include <chrono>
@@ -48,6 +49,9 @@ install_result run_install(
     validation_thrd_arg arg = {path, reason, -1};
     CaptureStdout();
     CaptureStderr();
+    // As the verification state does: the last run's verdict stays until
+    // the next run starts.
+    g_instatll_status = INSTALL_STT_IN_PROGRESS;
     pthread_t thread;
     EXPECT_EQ(pthread_create(&thread, nullptr, pkg_install_thrd_proc, &arg), 0);
     int verdict = wait_for_status(
@@ -260,6 +264,55 @@ TEST(PkgInstall, TheCardsImageProgramsTheMicrocontrollerUnlessTheReasonKeepsIt)
         EXPECT_EQ(count(r.out, "installing st sim ........\n\n"), programmed ? 1u : 0u);
         EXPECT_EQ(mcu.flash().substr(0, image.size()) == image, programmed) << mcu.log();
         EXPECT_EQ(sim.root.read("dev/mmcblk0p1/st.bin"), image);
+    }
+}
+
+TEST(PkgInstall, WithATrustedKeyOnlyAPackageSignedByItReachesTheCard)
+{
+    const std::vector<pack_member> artifacts = {file_member("app.bin", "new app"),
+                                                file_member("st.bin", "image")};
+    const struct {
+        const char *name;
+        std::function<void(std::vector<pack_member> *)> spoil; // after signing
+        const char *key;                                       // signed with
+        std::string why;                                       // "": installed
+    } cases[] = {
+        {"signed", [](std::vector<pack_member> *) {}, "k", ""},
+        {"unsigned", [](std::vector<pack_member> *m) { m->resize(2); }, "k", "unsigned"},
+        {"tampered", [](std::vector<pack_member> *m) { (*m)[0].data = "evil app"; }, "k",
+         "'app.bin' differs"},
+        {"extra", [](std::vector<pack_member> *m) { m->push_back(file_member("x.sh", "rm")); }, "k",
+         "'x.sh' is not in the manifest"},
+        {"wrong key", [](std::vector<pack_member> *) {}, "other", "does not verify"},
+    };
+    for (const auto &c : cases) {
+        SCOPED_TRACE(c.name);
+        PkgSim sim;
+        std::string err;
+        ASSERT_EQ(sign_keygen(sim.root.path("k"), &err), 0) << err;
+        ASSERT_EQ(sign_keygen(sim.root.path("other"), &err), 0) << err;
+        sim.root.write("etc/swu/trusted.pub", sim.root.read("k.pub"));
+        sim.root.write("tmp/pkg/left.bin", "left by an earlier package");
+        std::vector<uint8_t> sk;
+        ASSERT_EQ(sign_read_key(sim.root.path(c.key), SIGN_SECRET_KEY_SIZE, &sk, &err), 0);
+        std::vector<pack_member> members = artifacts;
+        ASSERT_EQ(pack_sign(&members, sk, &err), 0) << err;
+        c.spoil(&members);
+        sim.pack("pkg.swu", members);
+        Stm32Sim mcu(sim.root);
+        install_result r = run_install("pkg.swu", 1);
+        if (c.why.empty()) {
+            EXPECT_EQ(r.verdict, INSTALL_STT_INSTALL_COMPLEATE) << r.out << r.err;
+            EXPECT_THAT(r.out, HasSubstr("package signature verified\n"));
+            EXPECT_EQ(sim.root.read("dev/mmcblk0p1/app.bin"), "new app");
+            EXPECT_FALSE(sim.root.exists("dev/mmcblk0p1/left.bin"));
+            continue;
+        }
+        EXPECT_EQ(r.verdict, INSTALL_STT_ARTIFACT_ERROR) << r.out;
+        EXPECT_THAT(r.out, HasSubstr("package refused, signature check failed: "));
+        EXPECT_THAT(r.out, HasSubstr(c.why));
+        EXPECT_TRUE(fs::is_empty(sim.root.path("dev/mmcblk0p1"))) << "the card was touched";
+        EXPECT_EQ(mcu.count("erase"), 0u) << mcu.log();
     }
 }
 

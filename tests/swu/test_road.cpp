@@ -1,6 +1,6 @@
 // The two time-outs that only a whole daemon shows: the finish state's 30 s
-// and the error state's 10 s; and what the daemon's tools inherit from it. (The whole road of an update runs through
-// swu-client, in its tests.)
+// and the error state's 10 s; and what the daemon's tools inherit from it. (The whole road of an
+// update runs through swu-client, in its tests.)
 #include "support/terminal_fixture.h"
 
 namespace
@@ -12,10 +12,11 @@ TEST_F(Road, FactoryBootLeavesTheMicrocontrollerAloneAndRebootsWithoutBeingAsked
 {
     // The tools the daemon runs write down what they inherited from it.
     for (const char *tool : {"tar", "md5sum"}) {
-        root_.write(std::string("shim/") + tool,
-                    "#!/bin/sh\n"
-                    "for f in /proc/$$/fd/*; do echo \"$0 $(readlink \"$f\")\"; done >>\"$SHIM_LOG\"\n"
-                    "PATH=${PATH#*:} exec \"${0##*/}\" \"$@\"\n");
+        root_.write(
+            std::string("shim/") + tool,
+            "#!/bin/sh\n"
+            "for f in /proc/$$/fd/*; do echo \"$0 $(readlink \"$f\")\"; done >>\"$SHIM_LOG\"\n"
+            "PATH=${PATH#*:} exec \"${0##*/}\" \"$@\"\n");
         std::filesystem::permissions(root_.path(std::string("shim/") + tool),
                                      std::filesystem::perms::owner_all);
     }

@@ -3,6 +3,7 @@
 #include "common/printable.h"
 #include "lib/sys/unique_fd.h"
 #include "proto/package.h"
+#include "sign/manifest.h"
 
 #include <algorithm>
 #include <archive.h>
@@ -16,6 +17,7 @@
 #include <functional>
 #include <map>
 #include <memory>
+#include <sodium.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -276,7 +278,8 @@ bool version_key(const std::string &text, std::string *value)
             continue;
         }
         size_t eq = line.find_first_of("=:");
-        if (section == "pkg_data" && eq != std::string::npos && trim(line.substr(0, eq)) == "version") {
+        if (section == "pkg_data" && eq != std::string::npos &&
+            trim(line.substr(0, eq)) == "version") {
             *value = trim(line.substr(eq + 1));
             return true;
         }
@@ -369,6 +372,10 @@ int pack_verify(const std::string &path, pack_report *report, std::string *err)
         *err = std::string("cannot read the payload: ") + strerror(errno);
         return -1;
     }
+    if (!sign_init()) {
+        *err = "libsodium cannot be used";
+        return -1;
+    }
     auto in = std::make_unique<archive_in>();
     in->fd = fd;
     in->left = payload;
@@ -388,26 +395,48 @@ int pack_verify(const std::string &path, pack_report *report, std::string *err)
         else if (archive_entry_filetype(entry) != AE_IFREG)
             kind = PACK_OTHER;
         report->members.push_back({archive_entry_pathname(entry), kind, archive_entry_size(entry)});
-        const std::string artifact = kind == PACK_FILE ? top_level_name(report->members.back().name)
-                                                       : std::string();
-        if (artifact == VERSION_ARTIFACT && archive_entry_size(entry) <= VERSION_FILE_MAX) {
-            std::string text;
-            if (read_member(a.get(), [&](const char *p, size_t n) { text.append(p, n); }) != 0)
+        const std::string artifact =
+            kind == PACK_FILE ? top_level_name(report->members.back().name) : std::string();
+        if (artifact.empty()) {
+            if (archive_read_data_skip(a.get()) != ARCHIVE_OK)
                 break;
-            report->has_version = version_key(text, &report->version_text);
-            report->version = pack_parse_version(report->version_text);
-        } else if (fold_case(artifact) == MCU_IMAGE_ARTIFACT) {
-            uint32_t crc = ~0u;
-            if (read_member(a.get(), [&](const char *p, size_t n) {
+            continue;
+        }
+        // Every artifact is read whole: its hash, and what the tools show of
+        // the version file, the microcontroller image and the manifest.
+        const bool is_version = artifact == VERSION_ARTIFACT;
+        const bool is_image = fold_case(artifact) == MCU_IMAGE_ARTIFACT;
+        const bool is_manifest = artifact == MANIFEST_ARTIFACT || artifact == MANIFEST_SIG_ARTIFACT;
+        std::string text;
+        uint32_t crc = ~0u;
+        crypto_hash_sha256_state sha;
+        crypto_hash_sha256_init(&sha);
+        if (read_member(a.get(), [&](const char *p, size_t n) {
+                crypto_hash_sha256_update(&sha, reinterpret_cast<const uint8_t *>(p), n);
+                if ((is_version || is_manifest) && text.size() < VERSION_FILE_MAX)
+                    text.append(p, n);
+                if (is_image)
                     for (size_t i = 0; i < n; i++)
                         crc = crc32_table[(crc ^ static_cast<uint8_t>(p[i])) & 0xFF] ^ (crc >> 8);
-                }) != 0)
-                break;
+            }) != 0)
+            break;
+        uint8_t hash[crypto_hash_sha256_BYTES];
+        crypto_hash_sha256_final(&sha, hash);
+        char hex[2 * sizeof hash + 1];
+        sodium_bin2hex(hex, sizeof hex, hash, sizeof hash);
+        report->artifacts.push_back(
+            {artifact, static_cast<uint64_t>(archive_entry_size(entry)), hex});
+        if (is_version) {
+            report->has_version = version_key(text, &report->version_text);
+            report->version = pack_parse_version(report->version_text);
+        } else if (is_image) {
             report->has_mcu_image = true;
             report->mcu_image_size = static_cast<uint64_t>(archive_entry_size(entry));
             report->mcu_image_crc32 = ~crc;
-        } else if (archive_read_data_skip(a.get()) != ARCHIVE_OK) {
-            break;
+        } else if (artifact == MANIFEST_ARTIFACT) {
+            report->manifest = text;
+        } else if (artifact == MANIFEST_SIG_ARTIFACT) {
+            report->manifest_sig = text;
         }
     }
     std::string problems;
@@ -448,7 +477,7 @@ std::vector<pack_finding> pack_review(const std::vector<pack_listed> &members)
         const bool regular = m.kind == PACK_FILE || m.kind == PACK_HARDLINK;
         if (name.find('/') != std::string::npos) {
             found.push_back({false, shown + " is not at the top of the archive: the terminal "
-                                    "ignores it"});
+                                            "ignores it"});
             continue;
         }
         if (!regular) {
@@ -470,7 +499,7 @@ std::vector<pack_finding> pack_review(const std::vector<pack_listed> &members)
             continue;
         if (m.size == 0)
             found.push_back({true, shown + " is empty: the microcontroller's application would "
-                                   "be erased with nothing to write in its place"});
+                                           "be erased with nothing to write in its place"});
         else if (static_cast<uint64_t>(m.size) > MCU_APP_AREA_SIZE)
             found.push_back({true, shown + " has " + std::to_string(m.size) +
                                        " bytes, more than the microcontroller's application "
@@ -488,7 +517,8 @@ pack_version pack_parse_version(const std::string &text)
     for (size_t at = 0; i < 3 && at < text.size();) {
         size_t dot = std::min(text.find('.', at), text.size());
         if (dot > at)
-            version.v[i++] = static_cast<uint16_t>(strtoul(text.substr(at, dot - at).c_str(), nullptr, 10));
+            version.v[i++] =
+                static_cast<uint16_t>(strtoul(text.substr(at, dot - at).c_str(), nullptr, 10));
         at = dot + 1;
     }
     return version;
@@ -505,4 +535,38 @@ int pack_version_compare(const pack_version &a, const pack_version &b)
 std::string pack_version_text(const pack_version &v)
 {
     return std::to_string(v.v[0]) + "." + std::to_string(v.v[1]) + "." + std::to_string(v.v[2]);
+}
+
+int pack_sign(std::vector<pack_member> *members, const std::vector<uint8_t> &sk, std::string *err)
+{
+    std::vector<manifest_entry> entries;
+    for (const pack_member &m : *members) {
+        if (m.kind != PACK_FILE) {
+            *err = "only regular files can be signed";
+            return -1;
+        }
+        manifest_entry e{m.name, m.data.size(), sign_sha256(m.data.data(), m.data.size())};
+        if (!m.source.empty()) {
+            struct stat st;
+            if (stat(m.source.c_str(), &st) != 0) {
+                *err = "cannot read '" + m.source + "': " + strerror(errno);
+                return -1;
+            }
+            e.size = static_cast<uint64_t>(st.st_size);
+            e.sha256 = sign_file_sha256(m.source);
+        }
+        entries.push_back(e);
+    }
+    pack_member manifest, sig;
+    manifest.name = MANIFEST_ARTIFACT;
+    manifest.data = manifest_text(entries);
+    sig.name = MANIFEST_SIG_ARTIFACT;
+    sig.data = manifest_sign(manifest.data, sk);
+    if (sig.data.empty()) {
+        *err = "cannot sign with this key";
+        return -1;
+    }
+    members->push_back(manifest);
+    members->push_back(sig);
+    return 0;
 }

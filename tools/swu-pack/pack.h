@@ -6,6 +6,8 @@
 // that pass pack_check_name and are regular files.
 #pragma once
 
+#include "sign/manifest.h"
+
 #include <cstdint>
 #include <string>
 #include <vector>
@@ -53,7 +55,9 @@ struct pack_report {
     pack_version version;
     bool has_mcu_image = false;
     uint64_t mcu_image_size = 0;
-    uint32_t mcu_image_crc32 = 0; // the common CRC-32 (zlib's)
+    uint32_t mcu_image_crc32 = 0;          // the common CRC-32 (zlib's)
+    std::vector<manifest_entry> artifacts; // the regular files at the top, hashed
+    std::string manifest, manifest_sig;    // of a signed package
 };
 
 // Why the terminal could not install an artifact of this name, or "" when it
@@ -87,7 +91,12 @@ const char *pack_kind_name(pack_kind kind);
 int pack_write(const std::string &out_path, const std::vector<pack_member> &members,
                uint32_t bitmask, uint64_t max_size, std::string *err);
 
+// Adds the signed manifest of `members` (regular files) to them, signed with
+// the secret key `sk`. 0, or -1 with the reason in *err.
+int pack_sign(std::vector<pack_member> *members, const std::vector<uint8_t> &sk, std::string *err);
+
 // Checks the footer CRC of the package at `path` without changing it, lists
-// the archive's members and reads its version file and microcontroller image. 0 when the CRC matches and the archive reads to its
-// end; -1 with the reason in *err otherwise (*report holds what was found).
+// the archive's members and reads its version file and microcontroller image. 0 when the CRC
+// matches and the archive reads to its end; -1 with the reason in *err otherwise (*report holds
+// what was found).
 int pack_verify(const std::string &path, pack_report *report, std::string *err);

@@ -1,7 +1,8 @@
 // swu-pack: builds an update package for the terminal, or checks one.
 //
-//   swu-pack -o FILE [--bitmask N] [--force] ARTIFACT...
-//   swu-pack verify FILE
+//   swu-pack -o FILE [--bitmask N] [--force] [--sign KEY] ARTIFACT...
+//   swu-pack verify FILE [--key KEY.pub]
+//   swu-pack keygen KEY
 //
 // Only what the terminal can install is packed: regular files, stored at the
 // top of the archive under their base names, with names its card can hold
@@ -53,7 +54,7 @@ int report(const std::vector<pack_finding> &findings, bool force)
 }
 
 int build(const std::string &out, uint32_t bitmask, const std::vector<std::string> &artifacts,
-          bool force)
+          bool force, const std::string &sign_key)
 {
     std::vector<pack_member> members;
     std::vector<pack_listed> listing;
@@ -74,6 +75,12 @@ int build(const std::string &out, uint32_t bitmask, const std::vector<std::strin
     if (report(pack_review(listing), force) != 0)
         return fail("nothing written (--force packs it anyway)");
     std::string err;
+    if (!sign_key.empty()) {
+        std::vector<uint8_t> sk;
+        if (sign_read_key(sign_key, SIGN_SECRET_KEY_SIZE, &sk, &err) != 0 ||
+            pack_sign(&members, sk, &err) != 0)
+            return fail(err);
+    }
     if (pack_write(out, members, bitmask, PKG_MAX_SIZE, &err) != 0)
         return fail(out + ": " + err);
     pack_report written;
@@ -84,7 +91,7 @@ int build(const std::string &out, uint32_t bitmask, const std::vector<std::strin
     return 0;
 }
 
-int verify(const std::string &file)
+int verify(const std::string &file, const std::string &public_key)
 {
     pack_report found;
     std::string err;
@@ -96,6 +103,16 @@ int verify(const std::string &file)
         return fail(file + ": " + err);
     if (report(pack_review(found.members), false) != 0)
         return fail(file + ": the terminal would be harmed by this package");
+    if (!public_key.empty()) {
+        std::vector<uint8_t> pk;
+        if (sign_read_key(public_key, SIGN_PUBLIC_KEY_SIZE, &pk, &err) != 0)
+            return fail(err);
+        if (found.manifest_sig.empty())
+            return fail(file + ": the package is unsigned");
+        if (manifest_check(found.manifest, found.manifest_sig, pk, found.artifacts, &err) != 0)
+            return fail(file + ": " + err);
+        printf("%s: signature ok\n", file.c_str());
+    }
     printf("%s: %zu members, %llu bytes, bitmask 0x%X, crc %u ok\n", file.c_str(),
            found.members.size(), static_cast<unsigned long long>(found.package_size),
            found.artifacts_bitmask, found.footer_crc);
@@ -116,6 +133,9 @@ int run(int argc, char **argv)
         ->default_val(0);
     app.add_option("artifacts", artifacts, "Regular files to pack, stored under their base names");
     bool force = false;
+    std::string sign_key;
+    app.add_option("--sign", sign_key,
+                   "Secret key (swu-pack keygen) to sign the package's manifest with");
     app.add_flag("--force", force,
                  "Pack artifacts that would harm the terminal (names its card can't hold, an "
                  "empty or oversized st.bin)");
@@ -124,6 +144,12 @@ int run(int argc, char **argv)
     CLI::App *verify_cmd =
         app.add_subcommand("verify", "Check a package's footer CRC and list its members");
     verify_cmd->add_option("file", checked, "Package file")->required();
+    std::string public_key;
+    verify_cmd->add_option("--key", public_key, "Public key: the package must be signed by it");
+    std::string key_path;
+    CLI::App *keygen_cmd = app.add_subcommand(
+        "keygen", "Write a new Ed25519 key pair: KEY (secret) and KEY.pub (for the terminal)");
+    keygen_cmd->add_option("key", key_path, "Secret key file to write")->required();
     app.require_subcommand(0, 1);
 
     try {
@@ -135,13 +161,20 @@ int run(int argc, char **argv)
     if (*verify_cmd) {
         if (!out.empty() || !artifacts.empty())
             return fail("verify takes only the package file");
-        return verify(checked);
+        return verify(checked, public_key);
+    }
+    if (*keygen_cmd) {
+        std::string err;
+        if (sign_keygen(key_path, &err) != 0)
+            return fail(err);
+        printf("%s: secret key; %s.pub: public key\n", key_path.c_str(), key_path.c_str());
+        return 0;
     }
     if (out.empty())
         return fail("no package file given (-o FILE)\n" + app.help());
     if (artifacts.empty())
         return fail("no artifacts given");
-    return build(out, bitmask, artifacts, force);
+    return build(out, bitmask, artifacts, force, sign_key);
 }
 
 int main(int argc, char **argv)

@@ -105,8 +105,7 @@ TEST_F(ClientCli, FailedStreamGivesItsExitCodeAndTheNextCommandsClearTheError)
     setup.daemon_args = {"-S"}; // the first stream end is found incomplete, the file kept
     ASSERT_NO_FATAL_FAILURE(start(setup));
     std::string pkg = make_package("p.swu", {file_member("a.bin", test_bytes(5000, 3))});
-    run_result u =
-        client(root_, {"update", "127.0.0.1", pkg, "--retries", "0", "--name", "p.swu"});
+    run_result u = client(root_, {"update", "127.0.0.1", pkg, "--retries", "0", "--name", "p.swu"});
     EXPECT_EQ(u.exit_code, SWUC_EXIT_INCOMPLETE) << u.out << u.err;
     EXPECT_EQ(u.err, "swu-client: 127.0.0.1: packets missing at the end of the stream: invalid "
                      "stream, some packets are missing... (status code 2)\n");

@@ -75,7 +75,8 @@ TEST(PackReview, RefusesWhatWouldHarmTheTerminalAndWarnsOfWhatItIgnores)
         {{{"a.bin", PACK_FILE, 1}, {"./b.bin", PACK_FILE, 1}, {"./", PACK_DIR, 0}}, "", false},
         {{{std::string(127, 'n'), PACK_FILE, 1}}, "", false},
         {{{std::string(128, 'n'), PACK_FILE, 1}},
-         "the name has 128 bytes; the terminal takes at most 127", true},
+         "the name has 128 bytes; the terminal takes at most 127",
+         true},
         {{{"a*b", PACK_FILE, 1}}, "the name holds '*', which the card's FAT file system", true},
         {{{"a:b", PACK_FILE, 1}}, "the name holds ':'", true},
         {{{"a\\b", PACK_FILE, 1}}, "the name holds '\\'", true},
@@ -84,7 +85,8 @@ TEST(PackReview, RefusesWhatWouldHarmTheTerminalAndWarnsOfWhatItIgnores)
         {{{"dot.", PACK_FILE, 1}}, "drops a trailing dot or blank", true},
         {{{"blank ", PACK_FILE, 1}}, "drops a trailing dot or blank", true},
         {{{"same.bin", PACK_FILE, 1}, {"SAME.BIN", PACK_HARDLINK, 0}},
-         "artifacts 'same.bin' and 'SAME.BIN' would be one file", true},
+         "artifacts 'same.bin' and 'SAME.BIN' would be one file",
+         true},
         {{{"st.bin", PACK_FILE, 0}}, "'st.bin' is empty", true},
         {{{"ST.BIN", PACK_FILE, 0}}, "'ST.BIN' is empty", true},
         {{{"st.bin", PACK_FILE, 204800}}, "", false},
@@ -107,10 +109,30 @@ TEST(PackReview, RefusesWhatWouldHarmTheTerminalAndWarnsOfWhatItIgnores)
     }
 }
 
+TEST(SwuPack, SignsWithItsOwnKeysAndVerifiesTheSigner)
+{
+    SimRoot dir;
+    dir.write("in/app.bin", "app");
+    ASSERT_EQ(swu_pack(dir, {"keygen", dir.path("k")}).status, 0);
+    ASSERT_EQ(swu_pack(dir, {"keygen", dir.path("other")}).status, 0);
+    tool_run r =
+        swu_pack(dir, {"-o", dir.path("p.swu"), "--sign", dir.path("k"), dir.path("in/app.bin")});
+    ASSERT_EQ(r.status, 0) << r.output;
+    r = swu_pack(dir, {"verify", dir.path("p.swu"), "--key", dir.path("k.pub")});
+    EXPECT_EQ(r.status, 0) << r.output;
+    EXPECT_THAT(r.output, HasSubstr("signature ok"));
+    r = swu_pack(dir, {"verify", dir.path("p.swu"), "--key", dir.path("other.pub")});
+    EXPECT_EQ(r.status, 1);
+    EXPECT_THAT(r.output, HasSubstr("does not verify"));
+    ASSERT_EQ(swu_pack(dir, {"-o", dir.path("u.swu"), dir.path("in/app.bin")}).status, 0);
+    EXPECT_THAT(swu_pack(dir, {"verify", dir.path("u.swu"), "--key", dir.path("k.pub")}).output,
+                HasSubstr("the package is unsigned"));
+}
+
 TEST(PackVersion, ReadAsTheTerminalReadsItFromThePackageAndCompared)
 {
-    for (const auto &[text, read] : {std::pair{"2.10.3", "2.10.3"}, {"1..2", "1.2.0"},
-                                     {"7", "7.0.0"}, {"", "0.0.0"}})
+    for (const auto &[text, read] :
+         {std::pair{"2.10.3", "2.10.3"}, {"1..2", "1.2.0"}, {"7", "7.0.0"}, {"", "0.0.0"}})
         EXPECT_EQ(pack_version_text(pack_parse_version(text)), read) << text;
     EXPECT_LT(pack_version_compare(pack_parse_version("1.9.9"), pack_parse_version("2")), 0);
     EXPECT_EQ(pack_version_compare(pack_parse_version("2.0"), pack_parse_version("2.0.0")), 0);

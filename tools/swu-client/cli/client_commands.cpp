@@ -418,8 +418,8 @@ int check_package(const client_options &o, const std::string &package, pack_repo
     return SWUC_EXIT_PACKAGE;
 }
 
-void warn_reused_name(const client_options &o, const sockaddr_in &terminal,
-                      const update_params &u, const pack_report &pkg)
+void warn_reused_name(const client_options &o, const sockaddr_in &terminal, const update_params &u,
+                      const pack_report &pkg)
 {
     if (o.json || u.name.empty() ||
         !name_carried_another(terminal, u.name, pkg.package_size, pkg.footer_crc))
@@ -452,8 +452,7 @@ int version_floor(const client_options &o, const pack_version &installed, const 
 }
 
 // Connects and lets the session lapse: what an update would meet.
-int dry_run(const client_options &o, const std::string &host, const sockaddr_in &terminal,
-            json j)
+int dry_run(const client_options &o, const std::string &host, const sockaddr_in &terminal, json j)
 {
     swuc_session s;
     std::string err;
@@ -731,15 +730,16 @@ int cmd_check(const client_options &o, const std::string &package)
     std::vector<pack_finding> findings = pack_review(pkg.members);
     if (!intact)
         findings.insert(findings.begin(), {true, err});
-    const bool refused =
-        std::any_of(findings.begin(), findings.end(), [](const pack_finding &f) { return f.refuse; });
+    const bool refused = std::any_of(findings.begin(), findings.end(),
+                                     [](const pack_finding &f) { return f.refuse; });
     char crc[16], mcu_crc[16];
     snprintf(crc, sizeof crc, "0x%08X", pkg.footer_crc);
     snprintf(mcu_crc, sizeof mcu_crc, "0x%08X", pkg.mcu_image_crc32);
     if (o.json) {
         json members = json::array(), found = json::array();
         for (const pack_listed &m : pkg.members)
-            members.push_back({{"name", m.name}, {"kind", pack_kind_name(m.kind)}, {"size", m.size}});
+            members.push_back(
+                {{"name", m.name}, {"kind", pack_kind_name(m.kind)}, {"size", m.size}});
         for (const pack_finding &f : findings)
             found.push_back({{"refuse", f.refuse}, {"text", f.text}});
         json j = {{"size", pkg.package_size},
@@ -752,6 +752,7 @@ int cmd_check(const client_options &o, const std::string &package)
                   {"st_bin", pkg.has_mcu_image ? json{{"size", pkg.mcu_image_size},
                                                       {"crc32", pkg.mcu_image_crc32}}
                                                : json(nullptr)},
+                  {"signed", !pkg.manifest_sig.empty()},
                   {"result", refused ? "refused" : "ok"}};
         return finish(o, package, j, refused ? SWUC_EXIT_PACKAGE : SWUC_EXIT_OK, "");
     }
@@ -772,9 +773,11 @@ int cmd_check(const client_options &o, const std::string &package)
                static_cast<unsigned long long>(pkg.mcu_image_size), mcu_crc);
     else
         printf("st.bin     none: the microcontroller is not reprogrammed\n");
+    printf("signed     %s\n",
+           pkg.manifest_sig.empty() ? "no" : "yes (swu-pack verify --key checks the signer)");
     for (const pack_finding &f : findings)
         printf("%s  %s\n", f.refuse ? "REFUSED" : "warning", f.text.c_str());
-    printf("verdict    %s\n", refused ? "REFUSED: this package must not be sent"
-                                      : "ok: the package can be sent");
+    printf("verdict    %s\n",
+           refused ? "REFUSED: this package must not be sent" : "ok: the package can be sent");
     return refused ? SWUC_EXIT_PACKAGE : SWUC_EXIT_OK;
 }

@@ -13,7 +13,7 @@ struct client_options {
     uint16_t stream_port = 0; // 0: ephemeral
     int reply_timeout_ms = SWUC_DEFAULT_REPLY_TIMEOUT_MS;
     bool json = false;
-    bool force = false; // update: send a package that would harm the terminal
+    bool force = false;           // update: send a package that would harm the terminal
     bool dry_run = false;         // update: check everything, stream nothing
     bool allow_downgrade = false; // update: send a package older than the installed one
     bool reinstall = false;       // update: send the installed version again

@@ -84,7 +84,7 @@ struct update_outcome {
     bool reboot_confirmed = false;
     uint16_t rx_port = 0; // the ports the session used
     uint16_t stream_port = 0;
-    std::string name;     // the name of the last stream requested; "" when none was
+    std::string name;         // the name of the last stream requested; "" when none was
     uint32_t package_crc = 0; // as its footer records it
 };
 

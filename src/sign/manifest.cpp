@@ -1,0 +1,200 @@
+#include "sign/manifest.h"
+
+#include "lib/sys/unique_fd.h"
+
+#include <sodium.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <dirent.h>
+#include <fcntl.h>
+#include <map>
+#include <sstream>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace
+{
+
+std::string to_hex(const uint8_t *bytes, size_t size)
+{
+    std::string hex(size * 2 + 1, '\0');
+    sodium_bin2hex(hex.data(), hex.size(), bytes, size);
+    hex.pop_back();
+    return hex;
+}
+
+bool read_file(const std::string &path, std::string *out, size_t limit)
+{
+    unique_fd fd(open(path.c_str(), O_RDONLY | O_CLOEXEC));
+    if (!fd.valid())
+        return false;
+    out->clear();
+    char buf[4096];
+    for (ssize_t n; (n = read(fd.get(), buf, sizeof buf)) != 0;) {
+        if (n < 0 || out->size() + static_cast<size_t>(n) > limit)
+            return false;
+        out->append(buf, static_cast<size_t>(n));
+    }
+    return true;
+}
+
+bool write_file(const std::string &path, const std::string &text, mode_t mode)
+{
+    unique_fd fd(open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, mode));
+    return fd.valid() && write(fd.get(), text.data(), text.size()) == ssize_t(text.size());
+}
+
+} // namespace
+
+bool sign_init()
+{
+    static const bool ready = sodium_init() >= 0;
+    return ready;
+}
+
+int sign_keygen(const std::string &secret_path, std::string *err)
+{
+    uint8_t pk[SIGN_PUBLIC_KEY_SIZE], sk[SIGN_SECRET_KEY_SIZE];
+    if (!sign_init() || crypto_sign_keypair(pk, sk) != 0) {
+        *err = "cannot make a key pair";
+        return -1;
+    }
+    const bool written = write_file(secret_path, to_hex(sk, sizeof sk) + "\n", 0600) &&
+                         write_file(secret_path + ".pub", to_hex(pk, sizeof pk) + "\n", 0644);
+    sodium_memzero(sk, sizeof sk);
+    if (!written) {
+        *err = "cannot write '" + secret_path + "': " + strerror(errno);
+        return -1;
+    }
+    return 0;
+}
+
+int sign_read_key(const std::string &path, size_t size, std::vector<uint8_t> *key, std::string *err)
+{
+    std::string hex;
+    if (!read_file(path, &hex, 4096)) {
+        *err = "cannot read the key '" + path + "'";
+        return -1;
+    }
+    key->assign(size, 0);
+    size_t got = 0;
+    if (sodium_hex2bin(key->data(), size, hex.data(), hex.size(), " \n\r", &got, nullptr) != 0 ||
+        got != size) {
+        *err = "'" + path + "' does not hold a key of " + std::to_string(size) + " bytes";
+        return -1;
+    }
+    return 0;
+}
+
+std::string sign_sha256(const void *data, size_t size)
+{
+    sign_init();
+    uint8_t hash[crypto_hash_sha256_BYTES];
+    crypto_hash_sha256(hash, static_cast<const uint8_t *>(data), size);
+    return to_hex(hash, sizeof hash);
+}
+
+std::string sign_file_sha256(const std::string &path)
+{
+    unique_fd fd(open(path.c_str(), O_RDONLY | O_CLOEXEC));
+    if (!fd.valid() || !sign_init())
+        return "";
+    crypto_hash_sha256_state state;
+    crypto_hash_sha256_init(&state);
+    uint8_t buf[65536];
+    for (ssize_t n; (n = read(fd.get(), buf, sizeof buf)) != 0;) {
+        if (n < 0)
+            return "";
+        crypto_hash_sha256_update(&state, buf, static_cast<size_t>(n));
+    }
+    uint8_t hash[crypto_hash_sha256_BYTES];
+    crypto_hash_sha256_final(&state, hash);
+    return to_hex(hash, sizeof hash);
+}
+
+std::string manifest_text(std::vector<manifest_entry> entries)
+{
+    std::sort(entries.begin(), entries.end(),
+              [](const manifest_entry &a, const manifest_entry &b) { return a.name < b.name; });
+    std::string text;
+    for (const manifest_entry &e : entries)
+        text += e.sha256 + " " + std::to_string(e.size) + " " + e.name + "\n";
+    return text;
+}
+
+std::string manifest_sign(const std::string &text, const std::vector<uint8_t> &sk)
+{
+    std::string sig(SIGN_SIGNATURE_SIZE, '\0');
+    if (!sign_init() || sk.size() != SIGN_SECRET_KEY_SIZE)
+        return "";
+    crypto_sign_detached(reinterpret_cast<uint8_t *>(sig.data()), nullptr,
+                         reinterpret_cast<const uint8_t *>(text.data()), text.size(), sk.data());
+    return sig;
+}
+
+int manifest_check(const std::string &text, const std::string &sig, const std::vector<uint8_t> &pk,
+                   const std::vector<manifest_entry> &files, std::string *why)
+{
+    if (!sign_init() || pk.size() != SIGN_PUBLIC_KEY_SIZE) {
+        *why = "no usable public key";
+        return -1;
+    }
+    if (sig.size() != SIGN_SIGNATURE_SIZE ||
+        crypto_sign_verify_detached(reinterpret_cast<const uint8_t *>(sig.data()),
+                                    reinterpret_cast<const uint8_t *>(text.data()), text.size(),
+                                    pk.data()) != 0) {
+        *why = "the manifest's signature does not verify with the trusted key";
+        return -1;
+    }
+    std::map<std::string, manifest_entry> listed;
+    std::istringstream lines(text);
+    for (manifest_entry e; lines >> e.sha256 >> e.size && std::getline(lines >> std::ws, e.name);)
+        listed[e.name] = e;
+    for (const manifest_entry &f : files) {
+        if (f.name == MANIFEST_ARTIFACT || f.name == MANIFEST_SIG_ARTIFACT)
+            continue;
+        auto it = listed.find(f.name);
+        if (it == listed.end()) {
+            *why = "artifact '" + f.name + "' is not in the manifest";
+            return -1;
+        }
+        if (it->second.size != f.size || it->second.sha256 != f.sha256) {
+            *why = "artifact '" + f.name + "' differs from the manifest";
+            return -1;
+        }
+        listed.erase(it);
+    }
+    if (!listed.empty()) {
+        *why = "artifact '" + listed.begin()->first + "' of the manifest is missing";
+        return -1;
+    }
+    return 0;
+}
+
+int manifest_check_dir(const std::string &dir, const std::vector<uint8_t> &pk, std::string *why)
+{
+    std::string text, sig;
+    if (!read_file(dir + "/" + MANIFEST_ARTIFACT, &text, 1 << 20) ||
+        !read_file(dir + "/" + MANIFEST_SIG_ARTIFACT, &sig, 4096)) {
+        *why = "the package is unsigned";
+        return -1;
+    }
+    std::vector<manifest_entry> files;
+    DIR *d = opendir(dir.c_str());
+    if (d == nullptr) {
+        *why = "cannot read the unpacked package";
+        return -1;
+    }
+    while (struct dirent *ent = readdir(d)) {
+        struct stat st;
+        if (fstatat(dirfd(d), ent->d_name, &st, AT_SYMLINK_NOFOLLOW) != 0 || !S_ISREG(st.st_mode))
+            continue;
+        files.push_back({ent->d_name, static_cast<uint64_t>(st.st_size),
+                         sign_file_sha256(dir + "/" + ent->d_name)});
+    }
+    closedir(d);
+    return manifest_check(text, sig, pk, files, why);
+}
