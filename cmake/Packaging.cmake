@@ -18,6 +18,12 @@ if(SWU_PLATFORM STREQUAL "terminal")
   install(PROGRAMS ${CMAKE_BINARY_DIR}/deploy/S90swu DESTINATION /etc/init.d)
 endif()
 
+# The Wireshark dissector ships with the host tools.
+if(SWU_PLATFORM STREQUAL "host")
+  install(FILES ${PROJECT_SOURCE_DIR}/tools/wireshark/swu.lua DESTINATION share/swu
+          COMPONENT host_tools)
+endif()
+
 foreach(tool IN ITEMS swu-pack stm32-sim)
   if(TARGET ${tool})
     install(TARGETS ${tool} RUNTIME DESTINATION bin COMPONENT host_tools)

@@ -244,4 +244,45 @@ TEST_F(ClientCli, VersionFloorAndDryRun)
     EXPECT_TRUE(std::filesystem::is_empty(root_.path("work"))) << "nothing was sent";
 }
 
+// The Wireshark dissector over the capture of one update that fails its
+// first stream (-S) and is started over: every message of the protocol.
+TEST_F(ClientCli, TheDissectorDecodesEveryMessageOfAnUpdate)
+{
+    if (system("command -v tshark >/dev/null && command -v dumpcap >/dev/null") != 0)
+        GTEST_SKIP() << "tshark is not installed (scripts/install-deps installs it)";
+    root_.mkdir("client");
+    TestProcess capture;
+    ASSERT_TRUE(capture.start({"dumpcap", "-i", "lo", "-w", root_.path("client/cap.pcapng")},
+                              root_.dir()));
+    ASSERT_TRUE(capture.wait_output("Capturing on", 10s)) << capture.output();
+    TerminalSetup setup;
+    setup.daemon_args = {"-S"};
+    ASSERT_NO_FATAL_FAILURE(start(setup));
+    std::string pkg = make_package("p.swu", {file_member("a.bin", test_bytes(4000, 5))});
+    run_result u = client(root_, {"update", "127.0.0.1", pkg});
+    EXPECT_EQ(u.exit_code, 0) << u.out << u.err;
+    std::this_thread::sleep_for(500ms);
+    capture.stop();
+
+    run_result t = run_to_end({"tshark", "-r", root_.path("client/cap.pcapng"), "-X",
+                               "lua_script:" SWU_SOURCE_DIR "/tools/wireshark/swu.lua", "-Y",
+                               "swu", "-V"},
+                              root_.dir());
+    ASSERT_EQ(t.exit_code, 0) << t.err;
+    for (const char *op :
+         {"CONNECTION_REQST (0x21)", "STATUS_REQST (0x22)", "STREAM_REQST (0x23)",
+          "PCKT_TRNSFR (0x24)", "FILE_STREAM_END (0x25)", "ERROR_RECEIVED (0x26)",
+          "TERMINAL_REBOOT_REQ (0x27)", "SWU_SELF_ADVERTISE_OPCD (0x70)", "CONNECTION_RSPNS (0x71)",
+          "STATUS_RSPNS (0x72)", "FILE_STREAM_RSPNS (0x73)", "PCKT_TRNSFR_ACK (0x74)",
+          "FILE_STREAM_END_RSPNS (0x75)", "RESTARTING_UPDATE_PROC (0x76)",
+          "TERMINAL_REBOOT_RSPNS (0x77)"})
+        EXPECT_NE(t.out.find(std::string("Opcode: ") + op), std::string::npos) << op;
+    for (const char *field :
+         {"Client stream port: ", "Session id: ", "Connection: connection confirmed (1)",
+          "Package size: 4", "Segment: 3", "Segments: 3", "Payload length: ",
+          "Stage: error: Terminal encountered", "Status: invalid stream, some packets are missing",
+          "Installed version: 1.2.3", "Identity: ID", "Largest payload: 1452"})
+        EXPECT_NE(t.out.find(field), std::string::npos) << field;
+}
+
 } // namespace
