@@ -12,7 +12,6 @@
 #include <fcntl.h>
 #include <map>
 #include <sstream>
-#include <sys/stat.h>
 #include <unistd.h>
 
 namespace
@@ -97,22 +96,40 @@ std::string sign_sha256(const void *data, size_t size)
     return to_hex(hash, sizeof hash);
 }
 
-std::string sign_file_sha256(const std::string &path)
+namespace
 {
-    unique_fd fd(open(path.c_str(), O_RDONLY | O_CLOEXEC));
+
+// Size and SHA-256 of the file at `path`, read to its end (no stat: a 32-bit
+// build can't stat a file with a 64-bit inode number). False for anything
+// but a readable file, a link included.
+bool file_digest(const std::string &path, uint64_t *size, std::string *sha256)
+{
+    unique_fd fd(open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC));
     if (!fd.valid() || !sign_init())
-        return "";
+        return false;
     crypto_hash_sha256_state state;
     crypto_hash_sha256_init(&state);
     uint8_t buf[65536];
+    *size = 0;
     for (ssize_t n; (n = read(fd.get(), buf, sizeof buf)) != 0;) {
         if (n < 0)
-            return "";
+            return false;
         crypto_hash_sha256_update(&state, buf, static_cast<size_t>(n));
+        *size += static_cast<uint64_t>(n);
     }
     uint8_t hash[crypto_hash_sha256_BYTES];
     crypto_hash_sha256_final(&state, hash);
-    return to_hex(hash, sizeof hash);
+    *sha256 = to_hex(hash, sizeof hash);
+    return true;
+}
+
+} // namespace
+
+std::string sign_file_sha256(const std::string &path)
+{
+    uint64_t size = 0;
+    std::string sha256;
+    return file_digest(path, &size, &sha256) ? sha256 : "";
 }
 
 std::string manifest_text(std::vector<manifest_entry> entries)
@@ -188,12 +205,12 @@ int manifest_check_dir(const std::string &dir, const std::vector<uint8_t> &pk, s
         *why = "cannot read the unpacked package";
         return -1;
     }
-    while (struct dirent *ent = readdir(d)) {
-        struct stat st;
-        if (fstatat(dirfd(d), ent->d_name, &st, AT_SYMLINK_NOFOLLOW) != 0 || !S_ISREG(st.st_mode))
-            continue;
-        files.push_back({ent->d_name, static_cast<uint64_t>(st.st_size),
-                         sign_file_sha256(dir + "/" + ent->d_name)});
+    // readdir64: a 32-bit build's readdir fails on a 64-bit inode number.
+    while (struct dirent64 *ent = readdir64(d)) {
+        manifest_entry e{ent->d_name, 0, ""};
+        if ((ent->d_type == DT_REG || ent->d_type == DT_UNKNOWN) &&
+            file_digest(dir + "/" + e.name, &e.size, &e.sha256))
+            files.push_back(e);
     }
     closedir(d);
     return manifest_check(text, sig, pk, files, why);

@@ -252,22 +252,22 @@ TEST_F(ClientCli, TheDissectorDecodesEveryMessageOfAnUpdate)
         GTEST_SKIP() << "tshark is not installed (scripts/install-deps installs it)";
     root_.mkdir("client");
     TestProcess capture;
-    ASSERT_TRUE(capture.start({"dumpcap", "-i", "lo", "-w", root_.path("client/cap.pcapng")},
-                              root_.dir()));
+    ASSERT_TRUE(
+        capture.start({"dumpcap", "-i", "lo", "-w", root_.path("client/cap.pcapng")}, root_.dir()));
     ASSERT_TRUE(capture.wait_output("Capturing on", 10s)) << capture.output();
     TerminalSetup setup;
     setup.daemon_args = {"-S"};
     ASSERT_NO_FATAL_FAILURE(start(setup));
     std::string pkg = make_package("p.swu", {file_member("a.bin", test_bytes(4000, 5))});
-    run_result u = client(root_, {"update", "127.0.0.1", pkg});
+    run_result u = client(root_, {"update", "127.0.0.1", pkg, "--no-confirm"});
     EXPECT_EQ(u.exit_code, 0) << u.out << u.err;
     std::this_thread::sleep_for(500ms);
     capture.stop();
 
-    run_result t = run_to_end({"tshark", "-r", root_.path("client/cap.pcapng"), "-X",
-                               "lua_script:" SWU_SOURCE_DIR "/tools/wireshark/swu.lua", "-Y",
-                               "swu", "-V"},
-                              root_.dir());
+    run_result t =
+        run_to_end({"tshark", "-r", root_.path("client/cap.pcapng"), "-X",
+                    "lua_script:" SWU_SOURCE_DIR "/tools/wireshark/swu.lua", "-Y", "swu", "-V"},
+                   root_.dir());
     ASSERT_EQ(t.exit_code, 0) << t.err;
     for (const char *op :
          {"CONNECTION_REQST (0x21)", "STATUS_REQST (0x22)", "STREAM_REQST (0x23)",
@@ -283,6 +283,44 @@ TEST_F(ClientCli, TheDissectorDecodesEveryMessageOfAnUpdate)
           "Stage: error: Terminal encountered", "Status: invalid stream, some packets are missing",
           "Installed version: 1.2.3", "Identity: ID", "Largest payload: 1452"})
         EXPECT_NE(t.out.find(field), std::string::npos) << field;
+}
+
+// After the reboot the client waits for the terminal's advertisement: back
+// with the new version, back with its old one, or not back at all.
+TEST_F(ClientCli, AfterItsRebootTheTerminalIsConfirmedWithItsNewVersion)
+{
+    ASSERT_NO_FATAL_FAILURE(start());
+    const std::string v2 =
+        make_package("v2.swu", {file_member("pkg_ver.txt", "[pkg_data]\nversion=2.0.0\n")});
+    const std::string v3 =
+        make_package("v3.swu", {file_member("pkg_ver.txt", "[pkg_data]\nversion=3.0.0\n")});
+    // One update while this thread plays the terminal's boot: the daemon
+    // again once the last one ended, with `card` (when given) as the card's
+    // version file. The update's exit code and output.
+    auto update_and_boot = [this](const std::string &pkg, TestProcess &last, TestProcess &next,
+                                  const std::string &card) {
+        TestProcess update;
+        EXPECT_TRUE(update.start(
+            {SWU_BIN_DIR "/swu-client", "update", "127.0.0.1", pkg, "--confirm-timeout", "30"},
+            root_.dir()));
+        EXPECT_TRUE(last.wait_end(60s)) << "no reboot";
+        if (!card.empty())
+            root_.write("dev/mmcblk0p1/pkg_ver.txt", card);
+        EXPECT_TRUE(next.start({SWU_BIN_DIR "/swu"}, root_.path("work")));
+        EXPECT_TRUE(update.wait_end(60s));
+        return std::pair{update.exit_code(), update.output()};
+    };
+    TestProcess second, third;
+    auto [code, out] = update_and_boot(v2, swu_, second, "");
+    EXPECT_EQ(code, 0) << out;
+    EXPECT_NE(out.find("confirmed: the terminal is back, running 2.0.0"), std::string::npos) << out;
+
+    std::tie(code, out) = update_and_boot(v3, second, third, "[pkg_data]\nversion=2.0.0\n");
+    EXPECT_EQ(code, SWUC_EXIT_OLD_VERSION) << out;
+    EXPECT_NE(out.find("came back running 2.0.0, not 3.0.0"), std::string::npos) << out;
+
+    run_result u = client(root_, {"update", "127.0.0.1", v3, "--confirm-timeout", "4"});
+    EXPECT_EQ(u.exit_code, SWUC_EXIT_NOT_BACK) << u.out << u.err;
 }
 
 } // namespace

@@ -11,6 +11,7 @@
 #include <atomic>
 #include <cstring>
 #include <random>
+#include <set>
 #include <sys/socket.h>
 #include <thread>
 #include <unistd.h>
@@ -324,6 +325,34 @@ TEST(ClientPolicy, EachAttemptTravelsUnderANameOfItsOwn)
     const uint8_t pkg[12] = {9, 9, 9, 9, 9, 9, 9, 9, 0x4d, 0x3c, 0x2b, 0x1a};
     EXPECT_EQ(swuc_footer_crc(pkg, 12), 0x1a2b3c4du);
     EXPECT_EQ(swuc_footer_crc(pkg, 11), 0u);
+}
+
+TEST(ClientFleet, CanaryWaveFirstAndNoNewUpdateOnceTheFailureBudgetIsSpent)
+{
+    std::vector<std::string> why;
+    std::atomic<int> started{0};
+    auto fails = [&](std::set<size_t> failing) {
+        return [&started, failing](size_t i) {
+            started++;
+            return failing.count(i) == 0;
+        };
+    };
+    // Canaries 0 and 1 succeed: the rest follows.
+    std::vector<fleet_fate> fate = swuc_run_fleet(5, {2, 2, 0}, fails({3}), &why);
+    EXPECT_EQ(fate, (std::vector<fleet_fate>{FLEET_UPDATED, FLEET_UPDATED, FLEET_UPDATED,
+                                             FLEET_FAILED, FLEET_UPDATED}));
+    // A canary fails: nothing else starts.
+    started = 0;
+    fate = swuc_run_fleet(5, {4, 2, 0}, fails({1}), &why);
+    EXPECT_EQ(started, 2);
+    EXPECT_EQ(fate[4], FLEET_NOT_STARTED);
+    EXPECT_EQ(why[4], "not started: the canary wave failed");
+    // One at a time, two failures allowed: the third job is the last started.
+    started = 0;
+    fate = swuc_run_fleet(6, {1, 0, 2}, fails({0, 2}), &why);
+    EXPECT_EQ(started, 3);
+    EXPECT_EQ(fate[3], FLEET_NOT_STARTED);
+    EXPECT_EQ(why[3], "not started: 2 failures, the budget is spent");
 }
 
 } // namespace

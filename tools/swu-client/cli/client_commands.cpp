@@ -12,6 +12,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <ctime>
 #include <filesystem>
 #include <fstream>
 #include <map>
@@ -68,6 +69,16 @@ int resolve_terminal(const std::string &host_port, sockaddr_in *out, std::string
     out->sin_port = htons(port);
     freeaddrinfo(res);
     return 0;
+}
+
+// "2026-11-23T13:49:47Z".
+std::string utc_now()
+{
+    char text[32];
+    time_t now = time(nullptr);
+    struct tm tm;
+    strftime(text, sizeof text, "%Y-%m-%dT%H:%M:%SZ", gmtime_r(&now, &tm));
+    return text;
 }
 
 // Terminals may send any bytes: invalid UTF-8 is replaced, not thrown at.
@@ -549,6 +560,7 @@ int cmd_update(const client_options &o, const std::string &host, const std::stri
         return dry_run(o, host, terminal, j);
     warn_reused_name(o, terminal, u, pkg);
     update_params p = make_params(o, terminal, package, u);
+    p.expected_version = pkg.has_version ? pack_version_text(pkg.version) : "";
     update_view view(stdout, isatty(STDOUT_FILENO) != 0, "", nullptr);
     update_events ev = o.json ? update_events{} : view.events();
     if (!o.json)
@@ -567,7 +579,7 @@ int cmd_update(const client_options &o, const std::string &host, const std::stri
 }
 
 int cmd_update_all(const client_options &o, const std::string &package, const update_params &u,
-                   double timeout_s, int parallel)
+                   double timeout_s, const fleet_opts &fleet, const std::string &report_path)
 {
     if (o.rx_port != 0 || o.stream_port != 0) {
         fprintf(stderr, "swu-client: update --all takes ephemeral ports only\n");
@@ -594,8 +606,10 @@ int cmd_update_all(const client_options &o, const std::string &package, const up
         swuc_advert advert;
         std::string name;
         bool skipped = false;
-        std::string why; // of a skip
+        std::string why; // of a skip, or of an update not started
         update_outcome out;
+        bool started = false;
+        std::string start_time, end_time;
     };
     std::vector<job> jobs(found.size());
     for (size_t i = 0; i < found.size(); i++) {
@@ -610,19 +624,23 @@ int cmd_update_all(const client_options &o, const std::string &package, const up
         if (!jobs[i].skipped && version_floor(o, installed, pkg, &jobs[i].why) != SWUC_EXIT_OK)
             jobs[i].skipped = true;
     }
+    std::vector<job *> startable;
+    for (job &jb : jobs)
+        if (!jb.skipped)
+            startable.push_back(&jb);
     if (!o.json)
-        printf("updating %zu of %zu terminals heard, at most %d at once\n",
-               static_cast<size_t>(std::count_if(jobs.begin(), jobs.end(),
-                                                 [](const job &j) { return !j.skipped; })),
-               jobs.size(), parallel);
+        printf("updating %zu of %zu terminals heard, at most %d at once%s\n", startable.size(),
+               jobs.size(), fleet.parallel,
+               fleet.canary > 0 ? (", " + std::to_string(fleet.canary) + " first").c_str() : "");
 
     std::mutex out_lock;
-    std::atomic<size_t> next{0};
-    auto worker = [&] {
-        for (size_t i = next++; i < jobs.size(); i = next++) {
-            job &jb = jobs[i];
-            if (jb.skipped)
-                continue;
+    update_params with_version = u;
+    with_version.expected_version = pkg.has_version ? pack_version_text(pkg.version) : "";
+    std::vector<std::string> not_started;
+    swuc_run_fleet(
+        startable.size(), fleet,
+        [&](size_t i) {
+            job &jb = *startable[i];
             sockaddr_in terminal = swuc_advert_terminal(jb.advert);
             update_view view(stdout, false, "[" + jb.name + "] ", &out_lock, 25);
             update_events ev = o.json ? update_events{} : view.events();
@@ -630,20 +648,27 @@ int cmd_update_all(const client_options &o, const std::string &package, const up
                 std::lock_guard<std::mutex> guard(out_lock);
                 warn_reused_name(o, terminal, u, pkg);
             }
-            jb.out = run_update(make_params(o, terminal, package, u), ev);
+            jb.started = true;
+            jb.start_time = utc_now();
+            jb.out = run_update(make_params(o, terminal, package, with_version), ev);
+            jb.end_time = utc_now();
             std::lock_guard<std::mutex> guard(out_lock);
             remember_name(terminal, jb.out.name, pkg.package_size, pkg.footer_crc);
             if (!o.json)
                 view.line(jb.out.exit_code == SWUC_EXIT_OK ? summary(jb.out)
                                                            : "FAILED: " + jb.out.message);
-        }
-    };
-    std::vector<std::thread> threads;
-    const size_t n = std::min(static_cast<size_t>(std::max(parallel, 1)), jobs.size());
-    for (size_t i = 0; i < n; i++)
-        threads.emplace_back(worker);
-    for (auto &t : threads)
-        t.join();
+            return jb.out.exit_code == SWUC_EXIT_OK;
+        },
+        &not_started);
+    for (size_t i = 0; i < startable.size(); i++)
+        if (!startable[i]->started)
+            startable[i]->why = not_started[i];
+    std::ofstream report;
+    if (!report_path.empty()) {
+        report.open(report_path, std::ios::app);
+        if (!report)
+            fprintf(stderr, "swu-client: cannot write the report '%s'\n", report_path.c_str());
+    }
 
     int failed = 0;
     json list = json::array();
@@ -653,28 +678,51 @@ int cmd_update_all(const client_options &o, const std::string &package, const up
         const std::string id = swuc_advert_id(jb.advert.adv);
         const std::string shown_id = printable(id);
         const std::string from = format_version(jb.advert.adv.curr_sw_v);
-        if (jb.skipped) {
-            rows.push_back({jb.name, shown_id, from, "skipped", "-", "-", jb.why});
+        json line = {{"identity", id},
+                     {"address", jb.name},
+                     {"version_before", from},
+                     {"version_after", jb.out.version_after},
+                     {"package_name", jb.out.name},
+                     {"package_crc", pkg.footer_crc},
+                     {"start", jb.start_time},
+                     {"end", jb.end_time},
+                     {"stream_seconds", jb.out.stream_seconds},
+                     {"check_seconds", jb.out.check_seconds},
+                     {"install_seconds", jb.out.install_seconds},
+                     {"confirmation", jb.out.confirmation}};
+        if (!jb.started) {
+            const char *result = jb.skipped ? "skipped" : "not started";
+            rows.push_back({jb.name, shown_id, from, result, "-", "-", jb.why});
             list.push_back(
-                {{"terminal", jb.name}, {"identity", id}, {"result", "skipped"}, {"why", jb.why}});
-            continue;
+                {{"terminal", jb.name}, {"identity", id}, {"result", result}, {"why", jb.why}});
+            line["outcome"] = std::string(result) + ": " + jb.why;
+            line["exit_code"] = nullptr;
+        } else {
+            const bool ok = jb.out.exit_code == SWUC_EXIT_OK;
+            failed += ok ? 0 : 1;
+            rows.push_back({jb.name, shown_id, from, ok ? "updated" : "FAILED",
+                            format_duration(jb.out.total_seconds), std::to_string(jb.out.exit_code),
+                            ok ? (jb.out.confirmation.empty()
+                                      ? "not confirmed"
+                                      : jb.out.confirmation + " " + jb.out.version_after)
+                               : printable(jb.out.message)});
+            json j = outcome_json(jb.out);
+            j["terminal"] = jb.name;
+            j["identity"] = id;
+            list.push_back(j);
+            line["outcome"] = ok ? "updated" : "failed: " + jb.out.message;
+            line["exit_code"] = jb.out.exit_code;
         }
-        const bool ok = jb.out.exit_code == SWUC_EXIT_OK;
-        failed += ok ? 0 : 1;
-        rows.push_back({jb.name, shown_id, from, ok ? "updated" : "FAILED",
-                        format_duration(jb.out.total_seconds), std::to_string(jb.out.exit_code),
-                        ok ? (jb.out.reboot_confirmed ? "rebooting" : "reboot not confirmed")
-                           : printable(jb.out.message)});
-        json j = outcome_json(jb.out);
-        j["terminal"] = jb.name;
-        j["identity"] = id;
-        list.push_back(j);
+        if (report)
+            report << line.dump(-1, ' ', false, json::error_handler_t::replace) << "\n";
     }
     if (o.json)
         print_json(list);
     else
         fputs(("\n" + format_table(rows)).c_str(), stdout);
-    return failed > 0 ? SWUC_EXIT_FLEET : SWUC_EXIT_OK;
+    const bool all_started =
+        std::all_of(startable.begin(), startable.end(), [](const job *j) { return j->started; });
+    return failed > 0 || !all_started ? SWUC_EXIT_FLEET : SWUC_EXIT_OK;
 }
 
 namespace

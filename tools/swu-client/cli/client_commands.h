@@ -30,9 +30,10 @@ int cmd_status(const client_options &o, const std::string &host);
 // is refused unless `o.force`.
 int cmd_update(const client_options &o, const std::string &host, const std::string &package,
                const update_params &u);
-// Discovers for `timeout_s`, updates every free terminal, at most `parallel`
-// at once, and prints a table of the outcomes.
+// Discovers for `timeout_s`, updates every free terminal that the package
+// is newer for, as `fleet` allows, prints a table of the outcomes and adds a
+// JSON line per terminal to `report_path` (when not empty).
 int cmd_update_all(const client_options &o, const std::string &package, const update_params &u,
-                   double timeout_s, int parallel);
+                   double timeout_s, const fleet_opts &fleet, const std::string &report_path);
 int cmd_reboot(const client_options &o, const std::string &host);
 int cmd_ack_error(const client_options &o, const std::string &host);

@@ -216,6 +216,10 @@ nlohmann::json outcome_json(const update_outcome &o)
                         {"stream_bytes_per_second", std::round(rate)},
                         {"total_seconds", o.total_seconds},
                         {"reboot_confirmed", o.reboot_confirmed},
+                        {"confirmation", o.confirmation},
+                        {"version_after", o.version_after},
+                        {"check_seconds", o.check_seconds},
+                        {"install_seconds", o.install_seconds},
                         {"package_name", o.name},
                         {"package_crc", o.package_crc}};
     j["status"] = o.have_status ? status_json(o.last_status) : nlohmann::json(nullptr);

@@ -20,7 +20,9 @@ int run(int argc, char **argv)
     client_options o;
     update_params u;
     double timeout_s = 4;
-    int parallel = 4;
+    fleet_opts fleet;
+    std::string report_path;
+    bool no_confirm = false;
     bool all = false;
     std::string host, package;
 
@@ -60,8 +62,25 @@ int run(int argc, char **argv)
     update->add_flag("--all", all, "discover and update every free terminal");
     update->add_option("--timeout", timeout_s, "with --all: seconds to listen for terminals")
         ->check(CLI::Range(0.1, 3600.0));
-    update->add_option("--parallel", parallel, "with --all: terminals updated at once")
+    update->add_option("--parallel", fleet.parallel, "with --all: terminals updated at once")
         ->check(CLI::Range(1, 64));
+    update
+        ->add_option("--canary", fleet.canary,
+                     "with --all: update this many terminals first, and the rest only if all of "
+                     "them succeed")
+        ->check(CLI::Range(0, 100000));
+    update
+        ->add_option("--max-failures", fleet.max_failures,
+                     "with --all: start no new update after this many failures (0: no limit)")
+        ->check(CLI::Range(0, 100000));
+    update->add_option("--report", report_path,
+                       "with --all: add one JSON line per terminal to this file");
+    update->add_flag("--no-confirm", no_confirm,
+                     "don't wait for the terminal to come back after its reboot");
+    update
+        ->add_option("--confirm-timeout", u.confirm_timeout_s,
+                     "seconds to wait for the terminal's advertisement after its reboot")
+        ->check(CLI::Range(1, 3600));
     update->add_option("--window", u.window, "packets in flight (1: one at a time)")
         ->check(CLI::Range(1, 1024));
     update
@@ -117,6 +136,8 @@ int run(int argc, char **argv)
         return rc == 0 ? SWUC_EXIT_OK : SWUC_EXIT_USAGE;
     }
     u.reboot = !no_reboot;
+    if (no_confirm)
+        u.confirm_timeout_s = 0;
 
     if (*discover)
         return cmd_discover(o, timeout_s);
@@ -133,7 +154,7 @@ int run(int argc, char **argv)
             fprintf(stderr, "swu-client: update --all takes the package alone, no HOST\n");
             return SWUC_EXIT_USAGE;
         }
-        return cmd_update_all(o, host, u, timeout_s, parallel);
+        return cmd_update_all(o, host, u, timeout_s, fleet, report_path);
     }
     if (package.empty()) {
         fprintf(stderr, "swu-client: update needs HOST and PACKAGE (or --all PACKAGE)\n");

@@ -4,12 +4,14 @@
 #include "proto/package.h"
 
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
 #include <fcntl.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
+#include <thread>
 #include <unistd.h>
 
 const char *const swuc_exit_code_help = R"(Exit codes:
@@ -30,7 +32,9 @@ const char *const swuc_exit_code_help = R"(Exit codes:
   14  the package was refused before anything was sent (--force sends it)
   15  an unexpected error inside swu-client
   16  the package is older than the installed version, or the same
-      (--allow-downgrade, --reinstall send it))";
+      (--allow-downgrade, --reinstall send it)
+  17  the terminal came back from its reboot with its old version
+  18  the terminal did not come back from its reboot within --confirm-timeout)";
 
 namespace
 {
@@ -285,9 +289,21 @@ struct updater {
         const int64_t start = swuc_now_ms();
         bool heard = false;
         swuc_status last;
+        int64_t stage_since = start;
+        unsigned stage = SM_STATE_VERIFY;
         int r = swuc_follow_install(
             &s, &opts,
             [&](const swuc_status &st) {
+                const int64_t now = swuc_now_ms();
+                if (st.stage_code != stage) {
+                    const double spent = static_cast<double>(now - stage_since) / 1000.0;
+                    if (stage == SM_STATE_VERIFY)
+                        out.check_seconds += spent;
+                    else if (stage == SM_STATE_UPGRADE)
+                        out.install_seconds += spent;
+                    stage = st.stage_code;
+                    stage_since = now;
+                }
                 heard = true;
                 out.have_status = true;
                 out.last_status = st;
@@ -319,6 +335,49 @@ struct updater {
         note(out.reboot_confirmed ? "reboot confirmed"
                                   : "reboot not confirmed; the terminal restarts by itself 30 s "
                                     "after finishing");
+    }
+
+    // The terminal's first advertisement as free (the finish state
+    // advertises it busy) after the reboot: back, and with which version.
+    int confirm()
+    {
+        if (!p.reboot || p.confirm_timeout_s <= 0)
+            return 0;
+        out.step = "confirm";
+        note("waiting up to " + std::to_string(p.confirm_timeout_s) +
+             " s for the terminal to come back");
+        swuc_listener l;
+        if (swuc_listen_open(&l, p.local_addr) != 0)
+            return fail(SWUC_EXIT_LOCAL,
+                        std::string("cannot join the advertisement group: ") + strerror(errno));
+        const int64_t deadline = swuc_now_ms() + int64_t{p.confirm_timeout_s} * 1000;
+        bool back = false;
+        swuc_advert a;
+        for (int64_t left; !back && (left = deadline - swuc_now_ms()) > 0;) {
+            if (swuc_listen_next(&l, &a, static_cast<int>(left)) != 0)
+                break;
+            back = a.sender.sin_addr.s_addr == p.terminal.sin_addr.s_addr &&
+                   a.adv.connection_status == SWU_CON_STATUS_AVAIL;
+        }
+        swuc_listen_close(&l);
+        if (!back) {
+            out.confirmation = "not back";
+            return fail(SWUC_EXIT_NOT_BACK, "the terminal did not come back within " +
+                                                std::to_string(p.confirm_timeout_s) +
+                                                " s of its reboot");
+        }
+        const uint16_t *v = a.adv.curr_sw_v;
+        out.version_after =
+            std::to_string(v[0]) + "." + std::to_string(v[1]) + "." + std::to_string(v[2]);
+        if (!p.expected_version.empty() && out.version_after != p.expected_version) {
+            out.confirmation = "old version";
+            return fail(SWUC_EXIT_OLD_VERSION, "the terminal came back running " +
+                                                   out.version_after + ", not " +
+                                                   p.expected_version);
+        }
+        out.confirmation = "confirmed";
+        note("confirmed: the terminal is back, running " + out.version_after);
+        return 0;
     }
 
     int run()
@@ -365,6 +424,8 @@ struct updater {
         if (follow() != 0)
             return -1;
         reboot();
+        if (confirm() != 0)
+            return -1;
         out.step = "done";
         out.message = "updated";
         out.total_seconds = seconds_since(start);
@@ -428,4 +489,45 @@ std::string describe_status(const swuc_status &st)
 {
     return st.stage_description + " (stage " + std::to_string(st.stage_code) + ", status " +
            std::to_string(st.status_code) + ": " + st.status_message + ")";
+}
+
+std::vector<fleet_fate> swuc_run_fleet(size_t n, const fleet_opts &o,
+                                       const std::function<bool(size_t)> &update,
+                                       std::vector<std::string> *why)
+{
+    std::vector<fleet_fate> fate(n, FLEET_NOT_STARTED);
+    why->assign(n, "");
+    std::atomic<int> failures{0};
+    auto wave = [&](size_t begin, size_t end) {
+        std::atomic<size_t> next{begin};
+        auto worker = [&] {
+            for (size_t i = next++; i < end; i = next++) {
+                if (o.max_failures > 0 && failures >= o.max_failures) {
+                    (*why)[i] = "not started: " + std::to_string(o.max_failures) +
+                                " failures, the budget is spent";
+                    continue;
+                }
+                fate[i] = update(i) ? FLEET_UPDATED : FLEET_FAILED;
+                if (fate[i] == FLEET_FAILED)
+                    failures++;
+            }
+        };
+        std::vector<std::thread> threads;
+        const size_t count =
+            std::min<size_t>(static_cast<size_t>(std::max(o.parallel, 1)), end - begin);
+        for (size_t t = 0; t < count; t++)
+            threads.emplace_back(worker);
+        for (std::thread &t : threads)
+            t.join();
+    };
+    const size_t canary = std::min<size_t>(static_cast<size_t>(std::max(o.canary, 0)), n);
+    wave(0, canary);
+    if (std::any_of(fate.begin(), fate.begin() + static_cast<std::ptrdiff_t>(canary),
+                    [](fleet_fate f) { return f != FLEET_UPDATED; })) {
+        for (size_t i = canary; i < n; i++)
+            (*why)[i] = "not started: the canary wave failed";
+        return fate;
+    }
+    wave(canary, n);
+    return fate;
 }

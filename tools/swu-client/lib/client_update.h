@@ -13,6 +13,7 @@
 #include <functional>
 #include <netinet/in.h>
 #include <string>
+#include <vector>
 
 // Exit codes of swu-client, one per way an operation can end.
 enum swuc_exit_code : int {
@@ -33,6 +34,8 @@ enum swuc_exit_code : int {
     SWUC_EXIT_PACKAGE = 14,      // the package would harm the terminal; nothing was sent
     SWUC_EXIT_INTERNAL = 15,     // an unexpected error inside the client
     SWUC_EXIT_VERSION = 16,      // the package is not newer than the installed version
+    SWUC_EXIT_OLD_VERSION = 17,  // the terminal came back from its reboot with another version
+    SWUC_EXIT_NOT_BACK = 18,     // the terminal did not come back from its reboot in time
 };
 
 // The exit-code table of the help text.
@@ -61,6 +64,10 @@ struct update_params {
     int retries = 2;             // streams started over after a transport failure
     int install_timeout_s = 600; // longest wait for the check and installation
     bool reboot = true;
+    // After the reboot, wait this long for the terminal's advertisement
+    // (0: don't), and expect it to name this version ("": any).
+    int confirm_timeout_s = 90;
+    std::string expected_version;
 };
 
 // What the caller hears while the update runs; any member may be empty.
@@ -82,7 +89,11 @@ struct update_outcome {
     double total_seconds = 0;
     int attempts = 0;
     bool reboot_confirmed = false;
-    uint16_t rx_port = 0; // the ports the session used
+    std::string confirmation;   // "confirmed", "old version", "not back"; "" when not waited for
+    std::string version_after;  // as the terminal advertised it after its reboot
+    double check_seconds = 0;   // in the verification stage
+    double install_seconds = 0; // in the upgrade stage
+    uint16_t rx_port = 0;       // the ports the session used
     uint16_t stream_port = 0;
     std::string name;         // the name of the last stream requested; "" when none was
     uint32_t package_crc = 0; // as its footer records it
@@ -99,6 +110,21 @@ std::string swuc_attempt_name(const std::string &path, uint64_t size, uint32_t c
 // The CRC a package's footer records (its last four bytes, little-endian); 0
 // when it is too short to have a footer.
 uint32_t swuc_footer_crc(const uint8_t *data, uint64_t size);
+
+// A fleet's rollout: the first `canary` jobs go first, and the rest start
+// only when all of them succeeded; no job starts once `max_failures` have
+// failed (0: no limit); at most `parallel` run at once.
+struct fleet_opts {
+    int parallel = 4;
+    int canary = 0;
+    int max_failures = 0;
+};
+enum fleet_fate { FLEET_NOT_STARTED, FLEET_UPDATED, FLEET_FAILED };
+// Runs update(i) (true when it succeeded) for jobs 0..n-1 as `o` allows. Each
+// job's fate; a job not started gets its reason in (*why)[i].
+std::vector<fleet_fate> swuc_run_fleet(size_t n, const fleet_opts &o,
+                                       const std::function<bool(size_t)> &update,
+                                       std::vector<std::string> *why);
 
 // Runs one update to its end. Never throws; every failure is in the outcome.
 update_outcome run_update(const update_params &params, const update_events &events);
