@@ -1,27 +1,33 @@
 // lossy_relay: a bad network between a client and a terminal, for the
-// transfer measurements. The client talks to the relay's port as if it were the
-// terminal; the relay forwards its datagrams to the terminal and the
-// terminal's answers back, dropping, duplicating and reordering datagrams
-// in both directions at the given rates (a seeded generator, so a run can be
-// repeated).
+// transfer measurements and the road tests. The client talks to the relay's
+// port as if it were the terminal; the relay forwards its datagrams to the
+// terminal and the terminal's answers back, like a Wi-Fi hop: each direction
+// delays every datagram (with jitter, keeping their order as a radio link's
+// queue does), and drops, duplicates and reorders datagrams at the given
+// rates (a seeded generator, so a run can be repeated).
 //
 // The terminal answers to the ports a connection request announces, not to
 // the request's source, so the relay rewrites those two ports to two sockets
 // of its own and forwards what arrives there to the client's own ports.
 //
-//   lossy_relay --to 127.0.0.1:12226 [--listen PORT] [--drop 0.05] [--dup 0.02]
-//               [--reorder 0.02] [--seed N]
-// Prints "lossy_relay: listening on PORT" when ready and its counters when
-// it ends (SIGTERM or SIGINT).
+//   lossy_relay --to 127.0.0.1:12226 [--listen PORT] [--drop 0.05] [--dup 0.01]
+//               [--reorder 0.01] [--delay MS] [--jitter MS] [--seed N]
+// --delay is one way (a 2 ms round trip is --delay 1); --jitter spreads each
+// datagram's delay evenly over delay ± jitter. Prints
+// "lossy_relay: listening on PORT" when ready and its counters when it ends
+// (SIGTERM or SIGINT).
 #include "proto/protocol.h"
 
+#include <algorithm>
 #include <arpa/inet.h>
 #include <cerrno>
+#include <climits>
 #include <csignal>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <deque>
 #include <optional>
 #include <poll.h>
 #include <random>
@@ -35,18 +41,18 @@ namespace
 
 volatile sig_atomic_t g_stop = 0;
 
-constexpr int HOLD_MS = 5; // longest a reordered datagram waits
+constexpr int64_t HOLD_US = 5000; // longest a reordered datagram waits for the next
 
 struct datagram {
     std::vector<uint8_t> bytes;
     sockaddr_in to;
 };
 
-int64_t now_ms()
+int64_t now_us()
 {
     timespec ts;
     clock_gettime(CLOCK_MONOTONIC, &ts);
-    return static_cast<int64_t>(ts.tv_sec) * 1000 + ts.tv_nsec / 1000000;
+    return static_cast<int64_t>(ts.tv_sec) * 1000000 + ts.tv_nsec / 1000;
 }
 
 int udp_socket(in_addr_t addr, uint16_t port)
@@ -77,48 +83,76 @@ uint16_t bound_port(int fd)
 // One direction of the link with its own impairments and counters.
 struct direction {
     const char *name;
+    int fd; // sends from here
     double drop, dup, reorder;
+    int64_t delay_us, jitter_us;
     std::mt19937_64 *rng;
-    std::optional<datagram> held;
+    std::deque<std::pair<int64_t, datagram>> line; // due time, in due order
+    std::optional<datagram> held;                  // waits to go behind the next
     int64_t held_since = 0;
     unsigned long passed = 0, dropped = 0, duplicated = 0, reordered = 0;
 
-    void send_now(int fd, const datagram &d)
+    double draw() { return std::uniform_real_distribution<double>(0.0, 1.0)(*rng); }
+
+    // A datagram never overtakes the one before it: jitter stretches the
+    // queue rather than shuffling it.
+    void schedule(datagram d, int64_t now)
     {
-        sendto(fd, d.bytes.data(), d.bytes.size(), 0, reinterpret_cast<const sockaddr *>(&d.to),
-               sizeof(d.to));
+        int64_t due = now + delay_us;
+        if (jitter_us > 0)
+            due += std::uniform_int_distribution<int64_t>(-jitter_us, jitter_us)(*rng);
+        if (!line.empty())
+            due = std::max(due, line.back().first);
+        line.emplace_back(due, std::move(d));
     }
 
-    void flush(int fd)
+    void carry(datagram d, int64_t now)
     {
-        if (held) {
-            send_now(fd, *held);
-            held.reset();
-        }
-    }
-
-    void carry(int fd, datagram d)
-    {
-        std::uniform_real_distribution<double> u(0.0, 1.0);
-        if (u(*rng) < drop) {
+        if (draw() < drop) {
             dropped++;
             return;
         }
         passed++;
-        const bool twice = u(*rng) < dup;
-        if (!held && u(*rng) < reorder) {
-            // Goes out behind the next datagram of this direction.
+        const bool twice = draw() < dup;
+        if (!held && draw() < reorder) {
             reordered++;
             held = std::move(d);
-            held_since = now_ms();
+            held_since = now;
             return;
         }
-        send_now(fd, d);
         if (twice) {
             duplicated++;
-            send_now(fd, d);
+            schedule(d, now);
         }
-        flush(fd);
+        schedule(std::move(d), now);
+        release_held(now);
+    }
+
+    void release_held(int64_t now)
+    {
+        if (held) {
+            schedule(std::move(*held), now);
+            held.reset();
+        }
+    }
+
+    // Sends what is due; returns microseconds until the next datagram is.
+    int64_t send_due(int64_t now)
+    {
+        if (held && now - held_since >= HOLD_US)
+            release_held(now);
+        while (!line.empty() && line.front().first <= now) {
+            const datagram &d = line.front().second;
+            sendto(fd, d.bytes.data(), d.bytes.size(), 0, reinterpret_cast<const sockaddr *>(&d.to),
+                   sizeof(d.to));
+            line.pop_front();
+        }
+        int64_t next = INT64_MAX;
+        if (!line.empty())
+            next = line.front().first - now;
+        if (held)
+            next = std::min(next, held_since + HOLD_US - now);
+        return next;
     }
 
     void print() const
@@ -134,7 +168,7 @@ int main(int argc, char **argv)
 {
     std::string to;
     uint16_t listen_port = 0;
-    double drop = 0, dup = 0, reorder = 0;
+    double drop = 0, dup = 0, reorder = 0, delay_ms = 0, jitter_ms = 0;
     unsigned long long seed = 1;
     for (int i = 1; i + 1 < argc; i += 2) {
         std::string opt = argv[i];
@@ -149,6 +183,10 @@ int main(int argc, char **argv)
             dup = atof(v);
         else if (opt == "--reorder")
             reorder = atof(v);
+        else if (opt == "--delay")
+            delay_ms = atof(v);
+        else if (opt == "--jitter")
+            jitter_ms = atof(v);
         else if (opt == "--seed")
             seed = strtoull(v, nullptr, 10);
         else {
@@ -162,7 +200,7 @@ int main(int argc, char **argv)
     if (colon == std::string::npos ||
         inet_pton(AF_INET, to.substr(0, colon).c_str(), &terminal.sin_addr) != 1) {
         fprintf(stderr, "usage: lossy_relay --to ADDR:PORT [--listen PORT] [--drop P] [--dup P] "
-                        "[--reorder P] [--seed N]\n");
+                        "[--reorder P] [--delay MS] [--jitter MS] [--seed N]\n");
         return 2;
     }
     terminal.sin_port = htons(static_cast<uint16_t>(atoi(to.c_str() + colon + 1)));
@@ -180,8 +218,10 @@ int main(int argc, char **argv)
     const uint16_t stream_port = bound_port(stream);
 
     std::mt19937_64 rng(seed);
-    direction up{"to terminal", drop, dup, reorder, &rng, {}, 0};
-    direction down{"to client", drop, dup, reorder, &rng, {}, 0};
+    const auto delay_us = static_cast<int64_t>(delay_ms * 1000);
+    const auto jitter_us = std::min(static_cast<int64_t>(jitter_ms * 1000), delay_us);
+    direction up{"to terminal", rx, drop, dup, reorder, delay_us, jitter_us, &rng, {}, {}, 0};
+    direction down{"to client", front, drop, dup, reorder, delay_us, jitter_us, &rng, {}, {}, 0};
     sockaddr_in client = {};
     uint16_t client_rx = 0, client_stream = 0;
 
@@ -189,48 +229,52 @@ int main(int argc, char **argv)
     fflush(stdout);
 
     std::vector<uint8_t> buf(65536);
+    int wait_ms = 200;
     while (!g_stop) {
         pollfd p[3] = {{front, POLLIN, 0}, {rx, POLLIN, 0}, {stream, POLLIN, 0}};
-        int n = poll(p, 3, up.held || down.held ? HOLD_MS : 200);
+        const timespec wait = {wait_ms / 1000, (wait_ms % 1000) * 1000000L};
+        const int64_t soonest = std::min(up.send_due(now_us()), down.send_due(now_us()));
+        const timespec due = {static_cast<time_t>(soonest / 1000000), (soonest % 1000000) * 1000};
+        int n = ppoll(p, 3, soonest == INT64_MAX ? &wait : &due, nullptr);
         if (n < 0 && errno != EINTR)
             break;
         for (int i = 0; i < 3 && n > 0; i++) {
             if (!(p[i].revents & POLLIN))
                 continue;
-            sockaddr_in from = {};
-            socklen_t from_len = sizeof(from);
-            ssize_t len = recvfrom(p[i].fd, buf.data(), buf.size(), MSG_DONTWAIT,
-                                   reinterpret_cast<sockaddr *>(&from), &from_len);
-            if (len < 0)
-                continue;
-            datagram d{std::vector<uint8_t>(buf.begin(), buf.begin() + len), {}};
-            if (i == 0) {
-                client.sin_family = AF_INET;
-                client.sin_addr = from.sin_addr;
-                conection_request_t req;
-                if (proto_get_opcode(d.bytes.data(), d.bytes.size()) == CONNECTION_REQST &&
-                    proto_decode_connection_request(d.bytes.data(), d.bytes.size(), &req) == 0 &&
-                    req.umd_id != nullptr) {
-                    client_rx = req.uma_rx_port;
-                    client_stream = req.uma_stream_port;
-                    req.uma_rx_port = rx_port;
-                    req.uma_stream_port = stream_port;
-                    // The identifier is rewritten onto itself.
-                    proto_encode_connection_request(d.bytes.data(), d.bytes.size(), &req);
+            // Everything pending on this socket, so a burst keeps its order.
+            for (;;) {
+                sockaddr_in from = {};
+                socklen_t from_len = sizeof(from);
+                ssize_t len = recvfrom(p[i].fd, buf.data(), buf.size(), MSG_DONTWAIT,
+                                       reinterpret_cast<sockaddr *>(&from), &from_len);
+                if (len < 0)
+                    break;
+                datagram d{std::vector<uint8_t>(buf.begin(), buf.begin() + len), {}};
+                const int64_t now = now_us();
+                if (i == 0) {
+                    client.sin_family = AF_INET;
+                    client.sin_addr = from.sin_addr;
+                    conection_request_t req;
+                    if (proto_get_opcode(d.bytes.data(), d.bytes.size()) == CONNECTION_REQST &&
+                        proto_decode_connection_request(d.bytes.data(), d.bytes.size(), &req) ==
+                            0 &&
+                        req.umd_id != nullptr) {
+                        client_rx = req.uma_rx_port;
+                        client_stream = req.uma_stream_port;
+                        req.uma_rx_port = rx_port;
+                        req.uma_stream_port = stream_port;
+                        // The identifier is rewritten onto itself.
+                        proto_encode_connection_request(d.bytes.data(), d.bytes.size(), &req);
+                    }
+                    d.to = terminal;
+                    up.carry(std::move(d), now);
+                } else if (client_rx != 0) {
+                    d.to = client;
+                    d.to.sin_port = htons(i == 1 ? client_rx : client_stream);
+                    down.carry(std::move(d), now);
                 }
-                d.to = terminal;
-                up.carry(rx, std::move(d));
-            } else if (client_rx != 0) {
-                d.to = client;
-                d.to.sin_port = htons(i == 1 ? client_rx : client_stream);
-                down.carry(front, std::move(d));
             }
         }
-        const int64_t now = now_ms();
-        if (up.held && now - up.held_since >= HOLD_MS)
-            up.flush(rx);
-        if (down.held && now - down.held_since >= HOLD_MS)
-            down.flush(front);
     }
     up.print();
     down.print();

@@ -126,12 +126,15 @@ int pkg_file_write(char *pkg_file, uint64_t offset, const void *payload, size_t 
     std::call_once(installed, [] {
         struct sigaction sa = {};
         sa.sa_sigaction = on_sigbus;
-        sa.sa_flags = SA_SIGINFO;
+        // Left by a jump, the handler must not leave SIGBUS blocked: the copy
+        // does not save the signal mask, which would cost a system call per
+        // packet.
+        sa.sa_flags = SA_SIGINFO | SA_NODEFER;
         sigemptyset(&sa.sa_mask);
         sigaction(SIGBUS, &sa, &g_prev_sigbus);
     });
     sigjmp_buf here;
-    if (sigsetjmp(here, 1) != 0) {
+    if (sigsetjmp(here, 0) != 0) {
         g_copy_guard = nullptr;
         fprintf(stderr, "package write failed at offset %llu\n",
                 static_cast<unsigned long long>(offset));

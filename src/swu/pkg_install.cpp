@@ -317,6 +317,7 @@ void *pkg_install_thrd_proc(void *arg)
 {
     SWU_ASSERT(arg != nullptr);
     auto *thrd_data = static_cast<struct validation_thrd_arg *>(arg);
+    pthread_setname_np(pthread_self(), "swu-install");
 
     // No verification may act on an earlier run's verdict: the status reads
     // INSTALL_STT_IN_PROGRESS until this run's check publishes its own. (The

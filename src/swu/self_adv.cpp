@@ -129,6 +129,7 @@ void *self_adv_thrd_proc(void *arg)
 {
     SWU_ASSERT(arg != NULL);
     auto *desc = static_cast<thread_desc_t *>(arg);
+    pthread_setname_np(pthread_self(), "swu-adv");
     self_adv_t adv;
     self_adv_build(&adv);
 

@@ -15,6 +15,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <mutex>
+#include <pthread.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -193,9 +194,14 @@ void *rx_thrd_proc(void *arg)
 {
     SWU_ASSERT(arg != NULL);
     auto *desc = static_cast<thread_desc_t *>(arg);
+    pthread_setname_np(pthread_self(), "swu-rx");
     struct pollfd pfd = {desc->sock->sock_fd, POLLIN, 0};
-    char buff[SWU_DATAGRAM_BUFF_SIZE];
-    struct sockaddr_in sender;
+    // One system call takes a whole burst; the datagrams are then queued one
+    // by one, in the order they came.
+    static thread_local char buffs[SWU_RX_BATCH][SWU_DATAGRAM_BUFF_SIZE];
+    struct sockaddr_in senders[SWU_RX_BATCH];
+    struct iovec iov[SWU_RX_BATCH];
+    struct mmsghdr hdrs[SWU_RX_BATCH];
 
     while (g_to_exit == 0) {
         pfd.revents = 0;
@@ -205,61 +211,122 @@ void *rx_thrd_proc(void *arg)
             continue;
         // Everything pending is taken after one wake-up (a flood does not
         // hold off the stop).
-        while (g_to_exit == 0) {
-            ssize_t n = udps_recvfrom_nonblk(desc->sock, buff, sizeof(buff), &sender);
+        bool drained = false;
+        while (g_to_exit == 0 && !drained) {
+            for (unsigned i = 0; i < SWU_RX_BATCH; i++) {
+                iov[i] = {buffs[i], SWU_DATAGRAM_BUFF_SIZE};
+                hdrs[i] = {};
+                hdrs[i].msg_hdr.msg_iov = &iov[i];
+                hdrs[i].msg_hdr.msg_iovlen = 1;
+                hdrs[i].msg_hdr.msg_name = &senders[i];
+                hdrs[i].msg_hdr.msg_namelen = sizeof(senders[i]);
+            }
+            int n = udps_recv_batch_nonblk(desc->sock, hdrs, SWU_RX_BATCH);
             if (n <= 0)
                 break;
-            // A sender faster than the state machine is dropped like an
-            // overflowing socket buffer rather than let to exhaust memory.
-            if (ilq_length(desc->msg_q) >= SWU_RX_QUEUE_MAX)
-                continue;
-            msg_t *msg = msg_alloc(static_cast<uint32_t>(n));
-            if (msg == nullptr)
-                continue; // no memory: this datagram is lost, the next may fit
-            buff_to_msg(msg, buff, static_cast<uint32_t>(n), &sender);
-            ilq_enqueue(desc->msg_q, &msg->node);
+            drained = static_cast<unsigned>(n) < SWU_RX_BATCH;
+            for (int i = 0; i < n; i++) {
+                const uint32_t len = hdrs[i].msg_len;
+                // An empty datagram ends the drain; the ones received with it
+                // are queued all the same.
+                if (len == 0) {
+                    drained = true;
+                    continue;
+                }
+                // A sender faster than the state machine is dropped like an
+                // overflowing socket buffer rather than let to exhaust memory.
+                if (ilq_length(desc->msg_q) >= SWU_RX_QUEUE_MAX)
+                    continue;
+                msg_t *msg = msg_alloc(len);
+                if (msg == nullptr)
+                    continue; // no memory: this datagram is lost, the next may fit
+                buff_to_msg(msg, buffs[i], len, &senders[i]);
+                ilq_enqueue(desc->msg_q, &msg->node);
+            }
         }
     }
     return arg;
 }
 
+namespace
+{
+
+// Sends a batch in order. A full send buffer is waited for (as a poll before
+// each send would); any other failure drops that message, not retried. False
+// when the stop flag ended the wait with messages unsent.
+bool send_batch(udp_sock_t *sock, struct mmsghdr *hdrs, unsigned n)
+{
+    struct pollfd pfd = {sock->sock_fd, POLLOUT, 0};
+    unsigned sent = 0;
+    while (sent < n) {
+        int r = udps_send_batch_nonblk(sock, hdrs + sent, n - sent);
+        if (r > 0) {
+            sent += static_cast<unsigned>(r);
+        } else if (errno == EAGAIN || errno == EWOULDBLOCK || errno == ENOBUFS) {
+            if (g_to_exit != 0)
+                return false;
+            pfd.revents = 0;
+            udps_poll(&pfd, 1, SWU_POLL_TIMEOUT_MS);
+        } else if (errno != EINTR) {
+            perror("[sendto failed]");
+            sent++;
+        }
+    }
+    return true;
+}
+
+void signal_drained()
+{
+    {
+        std::lock_guard<std::mutex> lock(g_tx_drain_lock);
+        g_tx_drained = true;
+    }
+    g_tx_drain_cv.notify_all();
+}
+
+} // namespace
+
 void *tx_thrd_proc(void *arg)
 {
     SWU_ASSERT(arg != NULL);
     auto *desc = static_cast<thread_desc_t *>(arg);
-    struct pollfd pfd = {desc->sock->sock_fd, POLLOUT, 0};
-    char buff[SWU_DATAGRAM_BUFF_SIZE];
-    struct sockaddr_in dest;
-    msg_t *held = nullptr;
-    uint32_t size = 0;
+    pthread_setname_np(pthread_self(), "swu-tx");
+    msg_t *held[SWU_TX_BATCH];
+    struct sockaddr_in dest[SWU_TX_BATCH];
+    struct iovec iov[SWU_TX_BATCH];
+    struct mmsghdr hdrs[SWU_TX_BATCH];
 
     while (g_to_exit == 0) {
-        if (held == nullptr) {
-            held = msg_dequeue(desc->msg_q);
-            if (held != nullptr && held->buffer_size == 0) {
-                free(held);
-                held = nullptr;
-                {
-                    std::lock_guard<std::mutex> lock(g_tx_drain_lock);
-                    g_tx_drained = true;
-                }
-                g_tx_drain_cv.notify_all();
-            } else if (held != nullptr) {
-                size = std::min<uint32_t>(held->buffer_size, sizeof(buff));
-                msg_to_buff(held, buff, size, &dest);
+        // Waits for the first message, then takes whatever else is queued
+        // already: answers given in one burst leave in one system call.
+        unsigned n = 0;
+        bool marker = false;
+        for (msg_t *m = msg_dequeue(desc->msg_q); m != nullptr;
+             m = n < SWU_TX_BATCH ? reinterpret_cast<msg_t *>(ilq_try_dequeue(desc->msg_q))
+                                  : nullptr) {
+            if (m->buffer_size == 0) { // the shutdown's marker: all before it goes first
+                free(m);
+                marker = true;
+                break;
             }
-            continue;
+            const uint32_t size = std::min<uint32_t>(m->buffer_size, SWU_DATAGRAM_BUFF_SIZE);
+            dest[n] = m->client_addr;
+            dest[n].sin_family = AF_INET;
+            iov[n] = {m->buffer, size};
+            hdrs[n] = {};
+            hdrs[n].msg_hdr.msg_iov = &iov[n];
+            hdrs[n].msg_hdr.msg_iovlen = 1;
+            hdrs[n].msg_hdr.msg_name = &dest[n];
+            hdrs[n].msg_hdr.msg_namelen = sizeof(dest[n]);
+            held[n++] = m;
         }
-        pfd.revents = 0;
-        // With an error pending the send fails and clears it; the message is
-        // dropped rather than retried.
-        if (udps_poll(&pfd, 1, SWU_POLL_TIMEOUT_MS) > 0 && pfd.revents != 0) {
-            udps_sendto_nonblk(desc->sock, buff, size, &dest);
-            free(held);
-            held = nullptr;
-        }
+        if (n > 0 && g_to_exit == 0) // what is held at the stop is not sent
+            send_batch(desc->sock, hdrs, n);
+        for (unsigned i = 0; i < n; i++)
+            free(held[i]);
+        if (marker)
+            signal_drained();
     }
-    free(held);
     return arg;
 }
 

@@ -54,6 +54,9 @@ inline constexpr int SWU_RCVBUF_SIZE = 2097152;
 inline constexpr int SWU_POLL_TIMEOUT_MS = 500;
 // Received datagrams waiting for the state machine beyond which more are dropped.
 inline constexpr int SWU_RX_QUEUE_MAX = 8192;
+// Most datagrams one system call of the receive or transmit thread moves.
+inline constexpr unsigned SWU_RX_BATCH = 32;
+inline constexpr unsigned SWU_TX_BATCH = 32;
 inline constexpr struct timespec SWU_QUEUE_WAIT = {1, 0};
 inline constexpr time_t SWU_SESSION_TIMEOUT_S = 5;
 inline constexpr time_t SWU_ERROR_TIMEOUT_S = 10;

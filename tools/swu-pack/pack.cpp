@@ -472,7 +472,10 @@ std::vector<pack_finding> pack_review(const std::vector<pack_listed> &members)
         const std::string name = member_path(m.name);
         if (name.empty() || name == ".")
             continue; // the archive's own top directory
-        const std::string shown = "'" + printable(name) + "'";
+        // Appended, not concatenated: GCC 12 at -O2 sees a false overlap in
+        // "'" + s + "'".
+        std::string shown(1, '\'');
+        shown.append(printable(name)).push_back('\'');
         // A hard link unpacks as a regular file, and is installed as one.
         const bool regular = m.kind == PACK_FILE || m.kind == PACK_HARDLINK;
         if (name.find('/') != std::string::npos) {

@@ -88,6 +88,17 @@ ilist_node_t *ilq_dequeue(ilq_desc_t *q)
     return node;
 }
 
+ilist_node_t *ilq_try_dequeue(ilq_desc_t *q)
+{
+    SWU_ASSERT(q != NULL);
+    if (sem_trywait(&q->elem_count_sem) != 0)
+        return NULL;
+    pthread_mutex_lock(&q->lock);
+    ilist_node_t *node = ilist_remove_from_head(&q->list);
+    pthread_mutex_unlock(&q->lock);
+    return node;
+}
+
 int ilq_is_empty(ilq_desc_t *q)
 {
     return ilist_is_empty(&q->list);

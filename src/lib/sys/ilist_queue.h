@@ -36,6 +36,9 @@ void ilq_push(ilq_desc_t *q, ilist_node_t *new_node);
 // ilq_release while the list is empty.
 ilist_node_t *ilq_dequeue(ilq_desc_t *q);
 
+// As ilq_dequeue, but never waits: null when no unit is there at once.
+ilist_node_t *ilq_try_dequeue(ilq_desc_t *q);
+
 // Non-zero when nothing is queued. Reads without the lock: only for the one
 // thread that owns the queue at the time (draining at shutdown).
 int ilq_is_empty(ilq_desc_t *q);

@@ -123,6 +123,20 @@ ssize_t udps_sendto_nonblk(udp_sock_t *sock, void *data, size_t size, struct soc
     return ret;
 }
 
+int udps_recv_batch_nonblk(udp_sock_t *usock, struct mmsghdr *msgs, unsigned n)
+{
+    SWU_ASSERT(usock != NULL);
+    SWU_ASSERT(msgs != NULL);
+    return recvmmsg(usock->sock_fd, msgs, n, MSG_DONTWAIT, nullptr);
+}
+
+int udps_send_batch_nonblk(udp_sock_t *usock, struct mmsghdr *msgs, unsigned n)
+{
+    SWU_ASSERT(usock != NULL);
+    SWU_ASSERT(msgs != NULL);
+    return sendmmsg(usock->sock_fd, msgs, n, MSG_DONTWAIT);
+}
+
 int udps_close(udp_sock_t *usock)
 {
     SWU_ASSERT(usock != NULL);

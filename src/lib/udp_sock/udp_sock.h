@@ -11,6 +11,7 @@
 #include <cstdint>
 #include <netinet/in.h>
 #include <poll.h>
+#include <sys/socket.h>
 #include <sys/types.h>
 
 // Smallest receive buffer udps_recvfrom_nonblk takes.
@@ -62,6 +63,17 @@ ssize_t udps_recvfrom_nonblk(udp_sock_t *usock, char *msg_buff, size_t buff_size
 // Sends `size` bytes as one datagram to *snd_addr, whose family it sets to
 // AF_INET. sendto's result; a full send buffer is a failure, not retried.
 ssize_t udps_sendto_nonblk(udp_sock_t *sock, void *data, size_t size, struct sockaddr_in *snd_addr);
+
+// Batched forms for the service's receive and transmit threads: one system
+// call moves up to `n` datagrams. The caller fills each message's iovec and
+// name; a received datagram longer than its buffer is cut to it (msg_len is
+// what was kept).
+// Takes the datagrams waiting now: how many, or -1 with errno (EAGAIN when
+// none waits).
+int udps_recv_batch_nonblk(udp_sock_t *usock, struct mmsghdr *msgs, unsigned n);
+// Sends from the first message on, without waiting: how many left, or -1
+// with errno for the first (EAGAIN when the send buffer is full).
+int udps_send_batch_nonblk(udp_sock_t *usock, struct mmsghdr *msgs, unsigned n);
 
 // Closes the descriptor; close's result.
 int udps_close(udp_sock_t *usock);
