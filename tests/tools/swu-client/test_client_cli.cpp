@@ -99,6 +99,37 @@ TEST_F(ClientCli, UpdateTravelsFromDiscoveryToTheReboot)
     EXPECT_EQ(swu_.count("[sim] not run: ifconfig wlan0 down"), 1u);
 }
 
+// A technician on the terminal's Wi-Fi: a 2 ms round trip with ±1 ms of
+// jitter, 5 % of the datagrams lost each way, some duplicated, some
+// reordered. The update still arrives whole.
+TEST_F(ClientCli, AnUpdateOverALossyWiFiHopInstallsTheRightFiles)
+{
+    const std::string relay_bin = SWU_BIN_DIR "/lossy_relay";
+    if (access(relay_bin.c_str(), X_OK) != 0)
+        GTEST_SKIP() << "lossy_relay is built with the benchmarks only";
+    ASSERT_NO_FATAL_FAILURE(start());
+    TestProcess relay;
+    ASSERT_TRUE(relay.start({relay_bin, "--to", "127.0.0.1:12226", "--listen", "12300", "--drop",
+                             "0.05", "--dup", "0.01", "--reorder", "0.01", "--delay", "1",
+                             "--jitter", "0.5", "--seed", "5"},
+                            root_.dir()));
+    ASSERT_TRUE(relay.wait_output("listening on 12300", 5s));
+
+    const std::string app = test_bytes(1000000, 31), st = test_bytes(4096, 32);
+    const std::string ver = "[pkg_data]\nversion=2.0.2\n";
+    std::string pkg =
+        make_package("update-2.0.2.swu", {file_member("app.bin", app), file_member("st.bin", st),
+                                          file_member("pkg_ver.txt", ver)});
+    run_result u = client(root_, {"update", "127.0.0.1:12300", pkg, "--no-reboot", "--json"});
+    ASSERT_EQ(u.exit_code, 0) << u.out << u.err;
+    EXPECT_GT(parsed(u).value("retransmitted", 0), 0) << "no loss on the way: " << u.out;
+    EXPECT_EQ(card_file("app.bin"), app);
+    EXPECT_EQ(card_file("pkg_ver.txt"), ver);
+    EXPECT_EQ(sim_->flash(), st);
+    relay.stop();
+    EXPECT_NE(relay.output().find("dropped"), std::string::npos) << relay.output();
+}
+
 TEST_F(ClientCli, FailedStreamGivesItsExitCodeAndTheNextCommandsClearTheError)
 {
     TerminalSetup setup;

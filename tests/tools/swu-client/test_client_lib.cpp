@@ -179,7 +179,7 @@ void open_to(swuc_session *s, const StandIn &t, int keepalive_ms = SWUC_DEFAULT_
     ASSERT_EQ(swuc_open(s, &cfg), 0);
 }
 
-TEST(ClientStream, GoBackNFillsTheWindowExactlyAndDeliversEveryByteOverALossyLink)
+TEST(ClientStream, GoBackNKeepsWithinTheWindowAndDeliversEveryByteOverALossyLink)
 {
     for (uint32_t window : {1u, 8u, 64u}) {
         SCOPED_TRACE(window);
@@ -189,8 +189,6 @@ TEST(ClientStream, GoBackNFillsTheWindowExactlyAndDeliversEveryByteOverALossyLin
         ASSERT_NO_FATAL_FAILURE(open_to(&s, terminal));
         swuc_stream_opts opts;
         opts.window = window;
-        opts.ack_timeout_ms = 30;
-        opts.max_timeouts = 50;
         swuc_progress progress;
         uint64_t reported = 0;
         ASSERT_EQ(swuc_stream_data(
@@ -199,13 +197,16 @@ TEST(ClientStream, GoBackNFillsTheWindowExactlyAndDeliversEveryByteOverALossyLin
                   0);
         EXPECT_TRUE(terminal.data_ == data);
         EXPECT_EQ(terminal.written_, (data.size() + 1451) / 1452) << "a segment written twice";
-        EXPECT_EQ(terminal.max_ahead_, window) << "packets in flight";
+        EXPECT_LE(terminal.max_ahead_, window) << "packets in flight";
+        if (window > 1) {
+            EXPECT_GT(terminal.max_ahead_, 1u) << "the window never opened";
+        }
         EXPECT_EQ(reported, data.size());
         EXPECT_GT(progress.retransmitted, 0u);
     }
 }
 
-TEST(ClientStream, SegmentOneTravelsAloneAndASlowFirstAcknowledgementDoesNotRestartTheStream)
+TEST(ClientStream, ASlowFirstAcknowledgementIsProbedForAndDoesNotRestartTheStream)
 {
     const std::vector<uint8_t> data = payload(20000);
     StandIn terminal(data.size(), 0.0, SWU_CON_RES_CONNECTION_CONFIRMED, 400);
@@ -215,13 +216,14 @@ TEST(ClientStream, SegmentOneTravelsAloneAndASlowFirstAcknowledgementDoesNotRest
     opts.ack_timeout_ms = 50;
     ASSERT_EQ(swuc_stream_data(&s, data.data(), data.size(), &opts, {}, nullptr), 0);
     EXPECT_EQ(terminal.first_segments_, 1u);
-    EXPECT_EQ(terminal.early_, 0u);
+    EXPECT_GT(terminal.early_, 0u) << "segment 2 probes";
+    EXPECT_LE(terminal.early_, 3u) << "and nothing else goes before segment 1 is confirmed";
     EXPECT_TRUE(terminal.data_ == data);
 }
 
 TEST(ClientStream, LongTransferAsksForStatusToKeepTheSessionAlive)
 {
-    const std::vector<uint8_t> data = payload(200000);
+    const std::vector<uint8_t> data = payload(600000);
     StandIn terminal(data.size(), 0.3); // slow going
     swuc_session s;
     ASSERT_NO_FATAL_FAILURE(open_to(&s, terminal, 100));
@@ -229,7 +231,6 @@ TEST(ClientStream, LongTransferAsksForStatusToKeepTheSessionAlive)
     ASSERT_EQ(swuc_connect(&s, &rsp), 0);
     swuc_stream_opts opts;
     opts.window = 4;
-    opts.max_timeouts = 100;
     const int64_t started = swuc_now_ms();
     ASSERT_EQ(swuc_stream_data(&s, data.data(), data.size(), &opts, {}, nullptr), 0);
     const int64_t took = swuc_now_ms() - started;

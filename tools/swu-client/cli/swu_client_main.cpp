@@ -81,13 +81,16 @@ int run(int argc, char **argv)
         ->add_option("--confirm-timeout", u.confirm_timeout_s,
                      "seconds to wait for the terminal's advertisement after its reboot")
         ->check(CLI::Range(1, 3600));
-    update->add_option("--window", u.window, "packets in flight (1: one at a time)")
+    update
+        ->add_option("--window", u.window,
+                     "most packets in flight (1: one at a time); fewer while the link loses "
+                     "packets")
         ->check(CLI::Range(1, 1024));
     update
         ->add_option("--ack-timeout", u.ack_timeout_ms,
-                     "milliseconds without an acknowledgement before resending from the oldest "
-                     "unacknowledged packet")
-        ->check(CLI::Range(1, 10000));
+                     "least milliseconds without an acknowledgement before resending from the "
+                     "oldest unacknowledged packet (the wait follows the round trip above it)")
+        ->check(CLI::Range(0, 10000));
     update
         ->add_option("--retries", u.retries,
                      "times a stream is started over after packets went missing or stalled")

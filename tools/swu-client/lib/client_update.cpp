@@ -236,7 +236,7 @@ struct updater {
         swuc_stream_opts opts;
         opts.window = p.window;
         opts.ack_timeout_ms = p.ack_timeout_ms;
-        opts.max_timeouts = std::max(10, STALL_LIMIT_MS / std::max(p.ack_timeout_ms, 1));
+        opts.stall_ms = STALL_LIMIT_MS;
         const int64_t start = swuc_now_ms();
         int r = swuc_stream_data(&s, static_cast<const uint8_t *>(pkg.get()), pkg.size(), &opts,
                                  ev.progress, &out.progress);

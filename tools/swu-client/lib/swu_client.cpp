@@ -1,5 +1,7 @@
 #include "swu-client/lib/swu_client.h"
 
+#include "swu-client/lib/flow.h"
+
 #include <nlohmann/json.hpp>
 
 #include <algorithm>
@@ -112,6 +114,13 @@ template <typename T> bool get_field(const nlohmann::json &j, const char *key, T
 }
 
 } // namespace
+
+int64_t swuc_now_us()
+{
+    timespec ts;
+    clock_gettime(CLOCK_MONOTONIC, &ts);
+    return static_cast<int64_t>(ts.tv_sec) * 1000000 + ts.tv_nsec / 1000;
+}
 
 int64_t swuc_now_ms()
 {
@@ -410,57 +419,58 @@ int swuc_stream_data(swuc_session *s, const uint8_t *data, uint64_t size,
                      swuc_progress *progress)
 {
     const swuc_stream_opts o = opts != nullptr ? *opts : swuc_stream_opts{};
-    const uint64_t window = std::max<uint32_t>(o.window, 1);
     swuc_progress p;
     p.total_bytes = size;
     p.total_packets = (size + PROTO_PAYLOAD_MAX - 1) / PROTO_PAYLOAD_MAX;
     const uint64_t count = p.total_packets;
+    swuc_flow_opts fo;
+    fo.max_window = std::max<uint32_t>(o.window, 1);
+    fo.min_rto_us = static_cast<int64_t>(std::max(o.ack_timeout_ms, 0)) * 1000;
+    fo.max_rto_us = std::max(fo.max_rto_us, fo.min_rto_us);
+    fo.initial_rto_us = std::max(fo.initial_rto_us, fo.min_rto_us);
+    swuc_flow flow(count, fo);
 
-    uint64_t base = 1; // oldest unacknowledged segment
-    uint64_t next = 1; // next segment to send
-    int consecutive = 0;
-    int64_t last_progress = swuc_now_ms();
+    int64_t last_progress = swuc_now_us();
     int64_t last_report = 0;
     int result = 0;
     uint8_t buf[DATAGRAM_CAP];
 
     auto report = [&](bool force) {
         int64_t now = swuc_now_ms();
-        p.acked_packets = base - 1;
-        p.acked_bytes = std::min<uint64_t>((base - 1) * PROTO_PAYLOAD_MAX, size);
+        p.acked_packets = flow.base() - 1;
+        p.acked_bytes = std::min<uint64_t>((flow.base() - 1) * PROTO_PAYLOAD_MAX, size);
+        p.retransmitted = flow.resent();
+        p.timeouts = flow.timeouts();
         if (on_progress && (force || now - last_report >= PROGRESS_INTERVAL_MS)) {
             last_report = now;
             on_progress(p);
         }
     };
 
-    while (base <= count) {
-        // Segment 1 travels alone (see the header).
-        const uint64_t limit = base == 1 ? 1 : base + window - 1;
-        while (next <= count && next <= limit) {
-            uint64_t off = (next - 1) * PROTO_PAYLOAD_MAX;
+    while (!flow.done()) {
+        for (uint64_t seg; (seg = flow.next_to_send()) != 0;) {
+            uint64_t off = (seg - 1) * PROTO_PAYLOAD_MAX;
             size_t len = static_cast<size_t>(std::min<uint64_t>(PROTO_PAYLOAD_MAX, size - off));
-            if (swuc_send_packet(s, next, count, data + off, len) != 0) {
+            if (swuc_send_packet(s, seg, count, data + off, len) != 0) {
                 result = -1;
                 break;
             }
+            flow.sent(seg, swuc_now_us());
             p.sent_packets++;
-            next++;
         }
         if (result != 0)
             break;
 
-        int64_t now = swuc_now_ms();
-        keep_alive(s, now);
-        const int64_t progress_mark = last_progress;
-        const int64_t deadline =
-            last_progress + (base == 1 ? o.first_ack_timeout_ms : o.ack_timeout_ms);
+        int64_t now = swuc_now_us();
+        keep_alive(s, now / 1000);
         const int64_t keepalive_due =
-            std::max(s->status_sent_ms, s->last_status_ms) + s->cfg.keepalive_ms;
-        int wait = static_cast<int>(std::max<int64_t>(0, std::min(deadline, keepalive_due) - now));
-
+            (std::max(s->status_sent_ms, s->last_status_ms) + s->cfg.keepalive_ms) * 1000;
+        const int64_t wait_us =
+            std::max<int64_t>(0, std::min(flow.deadline_us(), keepalive_due) - now);
+        const timespec wait = {static_cast<time_t>(wait_us / 1000000),
+                               static_cast<long>(wait_us % 1000000) * 1000};
         pollfd pfd[2] = {{s->fd[SWUC_STREAM], POLLIN, 0}, {s->fd[SWUC_RX], POLLIN, 0}};
-        int r = poll(pfd, 2, wait);
+        int r = ppoll(pfd, 2, &wait, nullptr);
         if (r < 0 && errno != EINTR) {
             result = -1;
             break;
@@ -473,32 +483,19 @@ int swuc_stream_data(swuc_session *s, const uint8_t *data, uint64_t size,
                 if (n <= 0)
                     break;
                 file_packet_ack_t ack;
-                if (proto_get_opcode(buf, static_cast<size_t>(n)) != PCKT_TRNSFR_ACK ||
-                    proto_decode_file_packet_ack(buf, static_cast<size_t>(n), &ack) != 0)
-                    continue;
-                // The terminal acknowledges only what it has written in order
-                // (or a repeat of it), so an acknowledgement covers every
-                // segment before it.
-                if (ack.seg_number >= base && ack.seg_number < next) {
-                    base = ack.seg_number + 1;
-                    consecutive = 0;
-                    last_progress = swuc_now_ms();
-                }
+                if (proto_get_opcode(buf, static_cast<size_t>(n)) == PCKT_TRNSFR_ACK &&
+                    proto_decode_file_packet_ack(buf, static_cast<size_t>(n), &ack) == 0 &&
+                    flow.acked(ack.seg_number, swuc_now_us()))
+                    last_progress = swuc_now_us();
             }
         }
-        if (base > count)
+        if (flow.done())
             break;
-        now = swuc_now_ms();
-        if (last_progress == progress_mark && now >= deadline) {
-            p.timeouts++;
-            if (++consecutive > o.max_timeouts) {
-                errno = ETIMEDOUT;
-                result = -1;
-                break;
-            }
-            p.retransmitted += next - base;
-            next = base; // go back
-            last_progress = now;
+        now = swuc_now_us();
+        if (flow.expire(now) && now - last_progress >= static_cast<int64_t>(o.stall_ms) * 1000) {
+            errno = ETIMEDOUT;
+            result = -1;
+            break;
         }
         report(false);
     }

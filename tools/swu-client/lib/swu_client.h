@@ -27,8 +27,8 @@
 
 // The defaults of every user of this library, swu-client among them. The
 // stage and status codes of the reports are those of proto/codes.h.
-inline constexpr uint32_t SWUC_DEFAULT_WINDOW = 32;        // packets in flight
-inline constexpr int SWUC_DEFAULT_ACK_TIMEOUT_MS = 20;     // silence before going back
+inline constexpr uint32_t SWUC_DEFAULT_WINDOW = 64;        // most packets in flight
+inline constexpr int SWUC_DEFAULT_ACK_TIMEOUT_MS = 2;      // floor of the adaptive time-out
 inline constexpr int SWUC_DEFAULT_REPLY_TIMEOUT_MS = 1000; // wait for one answer
 // The terminal keeps a silent session for 5 s; status is asked every second.
 inline constexpr int SWUC_DEFAULT_KEEPALIVE_MS = 1000;
@@ -134,12 +134,11 @@ int swuc_stream_request(swuc_session *s, const char *name, uint64_t size,
                         file_transfer_response_t *rsp);
 
 struct swuc_stream_opts {
-    uint32_t window = SWUC_DEFAULT_WINDOW; // 1 is stop-and-wait
-    // Go back to the oldest unacknowledged packet after this long without
-    // progress.
+    uint32_t window = SWUC_DEFAULT_WINDOW; // most packets in flight; 1 is stop-and-wait
+    // Floor of the acknowledgement time-out, which otherwise follows the
+    // measured round trip.
     int ack_timeout_ms = SWUC_DEFAULT_ACK_TIMEOUT_MS;
-    int first_ack_timeout_ms = 3000; // see swuc_stream_data
-    int max_timeouts = 10;           // consecutive time-outs before giving up
+    int stall_ms = 5000; // without an acknowledgement that moves on: give up
 };
 
 struct swuc_progress {
@@ -153,13 +152,12 @@ struct swuc_progress {
 };
 using swuc_progress_fn = std::function<void(const swuc_progress &)>;
 
-// Streams `size` bytes as packets of PROTO_PAYLOAD_MAX, segment 1 first, with
-// go-back-N retransmission, asking for status on the way. The terminal takes
-// a repeated segment 1 for a restart of the stream and counts it again, so
-// segment 1 travels alone and is sent again only after
-// `first_ack_timeout_ms` of silence. `on_progress` (may be empty) is called
-// as acknowledgements arrive, at most every 100 ms and once at the end. 0
-// when every packet was acknowledged, or -1 (*progress tells how far it got).
+// Streams `size` bytes as packets of PROTO_PAYLOAD_MAX, segment 1 first,
+// going back to the oldest unacknowledged packet when its acknowledgement is
+// overdue, with a window that adapts to the link (swuc_flow), asking for
+// status on the way. `on_progress` (may be empty) is called as
+// acknowledgements arrive, at most every 100 ms and once at the end. 0 when
+// every packet was acknowledged, or -1 (*progress tells how far it got).
 int swuc_stream_data(swuc_session *s, const uint8_t *data, uint64_t size,
                      const swuc_stream_opts *opts, const swuc_progress_fn &on_progress,
                      swuc_progress *progress);
@@ -220,3 +218,4 @@ ssize_t swuc_await(swuc_session *s, swuc_channel ch, uint8_t opcode, uint8_t *bu
 
 // Milliseconds of the monotonic clock.
 int64_t swuc_now_ms();
+int64_t swuc_now_us();
