@@ -116,6 +116,8 @@ TEST(Flow, WindowOpensUpToItsCapAndALossBurstHalvesItOnceThenShutsIt)
     ASSERT_TRUE(f.acked(f.base(), t));
     EXPECT_TRUE(send_all(f, t).empty());
     ASSERT_TRUE(f.acked(f.base() + 6, t));
+    EXPECT_EQ(f.deadline_us(), t - MS + f.rto().rto_us)
+        << "the oldest is overdue a time-out after it left, not after the last acknowledgement";
     EXPECT_EQ(send_all(f, t).size(), 8u);
 
     // A burst takes the oldest packets in flight: nothing more is

@@ -109,7 +109,9 @@ bool swuc_flow::acked(uint64_t seg, int64_t now_us)
     consecutive_ = 0;
     probes_ = 0;
     probe_due_ = false;
-    timer_from_us_ = now_us;
+    // The new oldest packet is overdue one time-out after it left, not after
+    // this acknowledgement: a loss in a burst is seen a round trip sooner.
+    timer_from_us_ = next_ > base_ ? at(base_).sent_us : now_us;
     return true;
 }
 

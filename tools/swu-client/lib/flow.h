@@ -8,7 +8,8 @@
 // it, and a packet lost takes every later one in flight with it: the sender
 // goes back to the oldest unacknowledged segment. The loss is seen by silence
 // alone, so the time-out follows the measured round trip (a smoothed mean and
-// deviation, samples only from packets sent once), and the window shrinks on
+// deviation, samples only from packets sent once) and runs from the oldest
+// packet's own departure, and the window shrinks on
 // each loss and grows back slowly, so a lossy link is not flooded with
 // packets that will be thrown away.
 #pragma once
