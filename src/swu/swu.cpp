@@ -16,6 +16,7 @@
 #include <cstring>
 #include <mutex>
 #include <pthread.h>
+#include <sched.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -53,6 +54,23 @@ std::atomic<uint16_t> g_seq_num{0};
     errno = err;
     perror(what);
     exit(err);
+}
+
+// Every packet is handed from the receive thread to the main thread and its
+// acknowledgement on to the transmit thread. On one core a hand-over is a
+// plain task switch; across cores each is an interrupt that wakes the other
+// core, which costs more than the work handed over. So the service stays on
+// the core it starts on, and the threads it creates inherit that. If the core
+// cannot be read or kept, the scheduler places the threads as it likes.
+void keep_to_one_core()
+{
+    const int cpu = sched_getcpu();
+    if (cpu < 0)
+        return;
+    cpu_set_t set;
+    CPU_ZERO(&set);
+    CPU_SET(cpu, &set);
+    sched_setaffinity(0, sizeof(set), &set);
 }
 
 } // namespace
@@ -149,6 +167,7 @@ int swu_start_threads(swu_data_t *swu_data, thread_desc_t *adv, thread_desc_t *r
         void *(*proc)(void *);
     };
     const start order[] = {{adv, self_adv_thrd_proc}, {rx, rx_thrd_proc}, {tx, tx_thrd_proc}};
+    keep_to_one_core();
     for (const start &s : order) {
         s.desc->thread_id = 0;
         pthread_t id;
