@@ -10,6 +10,7 @@
 #include <cstring>
 #include <ctime>
 #include <fcntl.h>
+#include <memory>
 #include <poll.h>
 #include <sys/mman.h>
 #include <sys/socket.h>
@@ -22,6 +23,7 @@ namespace
 
 constexpr size_t DATAGRAM_CAP = 2048; // more than the terminal ever sends
 constexpr int PROGRESS_INTERVAL_MS = 100;
+constexpr int64_t SPIN_US = 100; // longest wait for an acknowledgement without sleeping
 
 int open_udp(in_addr_t addr, uint16_t port, uint16_t *bound)
 {
@@ -51,6 +53,60 @@ int wait_readable(int fd, int timeout_ms)
         return n < 0 ? -1 : (n > 0 ? 1 : 0);
     }
 }
+
+// Sends `n` datagrams to the terminal in order, as few system calls as the
+// socket allows. A full send buffer clears within moments; it is given up to
+// a second.
+int send_all(swuc_session *s, swuc_channel from, mmsghdr *h, unsigned n)
+{
+    for (unsigned i = 0; i < n; i++) {
+        h[i].msg_hdr.msg_name = &s->cfg.terminal;
+        h[i].msg_hdr.msg_namelen = sizeof(s->cfg.terminal);
+    }
+    unsigned sent = 0;
+    for (int full = 0; sent < n && full < 10000;) {
+        int r = sendmmsg(s->fd[from], h + sent, n - sent, 0);
+        if (r > 0)
+            sent += static_cast<unsigned>(r);
+        else if (r < 0 && errno == EINTR)
+            continue;
+        else if (r < 0 && (errno == ENOBUFS || errno == EAGAIN)) {
+            usleep(100);
+            full++;
+        } else
+            return -1;
+    }
+    return sent == n ? 0 : -1;
+}
+
+// The packets of one burst, encoded side by side and sent with one call.
+struct packet_burst {
+    static constexpr unsigned CAP = 64;
+    uint8_t buf[CAP][PROTO_PKT_HEAD_SIZE + PROTO_PAYLOAD_MAX];
+    iovec iov[CAP];
+    mmsghdr hdr[CAP];
+};
+
+// Acknowledgements taken from the socket in one call; anything longer than
+// an acknowledgement is cut and skipped.
+struct ack_batch {
+    static constexpr unsigned CAP = 64;
+    uint8_t buf[CAP][64];
+    iovec iov[CAP];
+    mmsghdr hdr[CAP];
+
+    // Whatever is queued now, up to CAP; -1 with nothing (errno set).
+    int take(int fd)
+    {
+        for (unsigned i = 0; i < CAP; i++) {
+            iov[i] = {buf[i], sizeof(buf[i])};
+            hdr[i] = {};
+            hdr[i].msg_hdr.msg_iov = &iov[i];
+            hdr[i].msg_hdr.msg_iovlen = 1;
+        }
+        return recvmmsg(fd, hdr, CAP, MSG_DONTWAIT, nullptr);
+    }
+};
 
 // Keeps a status report that arrived while waiting for something else.
 void take_status(swuc_session *s, const uint8_t *buf, size_t len)
@@ -265,23 +321,11 @@ uint16_t swuc_next_seq(swuc_session *s)
 
 int swuc_send(swuc_session *s, swuc_channel from, const uint8_t *buf, size_t len)
 {
-    // A full send buffer clears within moments; give it up to a second.
-    for (int full = 0; full < 10000;) {
-        ssize_t n =
-            sendto(s->fd[from], buf, len, 0, reinterpret_cast<const sockaddr *>(&s->cfg.terminal),
-                   sizeof(s->cfg.terminal));
-        if (n == static_cast<ssize_t>(len))
-            return 0;
-        if (n < 0 && errno == EINTR)
-            continue;
-        if (n < 0 && (errno == ENOBUFS || errno == EAGAIN)) {
-            usleep(100);
-            full++;
-            continue;
-        }
-        return -1;
-    }
-    return -1;
+    iovec iov = {const_cast<uint8_t *>(buf), len};
+    mmsghdr h = {};
+    h.msg_hdr.msg_iov = &iov;
+    h.msg_hdr.msg_iovlen = 1;
+    return send_all(s, from, &h, 1);
 }
 
 int swuc_send_header(swuc_session *s, swuc_channel from, uint8_t opcode)
@@ -433,7 +477,6 @@ int swuc_stream_data(swuc_session *s, const uint8_t *data, uint64_t size,
     int64_t last_progress = swuc_now_us();
     int64_t last_report = 0;
     int result = 0;
-    uint8_t buf[DATAGRAM_CAP];
 
     auto report = [&](bool force) {
         int64_t now = swuc_now_ms();
@@ -447,16 +490,37 @@ int swuc_stream_data(swuc_session *s, const uint8_t *data, uint64_t size,
         }
     };
 
+    const auto burst = std::make_unique<packet_burst>();
+    const auto acks = std::make_unique<ack_batch>();
     while (!flow.done()) {
-        for (uint64_t seg; (seg = flow.next_to_send()) != 0;) {
-            uint64_t off = (seg - 1) * PROTO_PAYLOAD_MAX;
-            size_t len = static_cast<size_t>(std::min<uint64_t>(PROTO_PAYLOAD_MAX, size - off));
-            if (swuc_send_packet(s, seg, count, data + off, len) != 0) {
-                result = -1;
-                break;
+        for (unsigned n = packet_burst::CAP; n == packet_burst::CAP && result == 0;) {
+            const int64_t now_us = swuc_now_us();
+            n = 0;
+            for (uint64_t seg; n < packet_burst::CAP && (seg = flow.next_to_send()) != 0; n++) {
+                const uint64_t off = (seg - 1) * PROTO_PAYLOAD_MAX;
+                file_packet_transfer_t pkt = {};
+                pkt.hdr = {swuc_next_seq(s), PCKT_TRNSFR, 0};
+                pkt.seg_number = seg;
+                pkt.seg_count = count;
+                pkt.payload = data + off;
+                pkt.payload_len =
+                    static_cast<size_t>(std::min<uint64_t>(PROTO_PAYLOAD_MAX, size - off));
+                const int len =
+                    proto_encode_file_packet_transfer(burst->buf[n], sizeof(burst->buf[n]), &pkt);
+                if (len < 0) {
+                    errno = EMSGSIZE;
+                    result = -1;
+                    break;
+                }
+                burst->iov[n] = {burst->buf[n], static_cast<size_t>(len)};
+                burst->hdr[n] = {};
+                burst->hdr[n].msg_hdr.msg_iov = &burst->iov[n];
+                burst->hdr[n].msg_hdr.msg_iovlen = 1;
+                flow.sent(seg, now_us);
+                p.sent_packets++;
             }
-            flow.sent(seg, swuc_now_us());
-            p.sent_packets++;
+            if (n > 0 && send_all(s, SWUC_STREAM, burst->hdr, n) != 0)
+                result = -1;
         }
         if (result != 0)
             break;
@@ -470,7 +534,18 @@ int swuc_stream_data(swuc_session *s, const uint8_t *data, uint64_t size,
         const timespec wait = {static_cast<time_t>(wait_us / 1000000),
                                static_cast<long>(wait_us % 1000000) * 1000};
         pollfd pfd[2] = {{s->fd[SWUC_STREAM], POLLIN, 0}, {s->fd[SWUC_RX], POLLIN, 0}};
-        int r = ppoll(pfd, 2, &wait, nullptr);
+        // A terminal that answers within tens of microseconds (on this host,
+        // or a wired LAN) is waited for awake: sleeping and being woken for
+        // each acknowledgement would cost more than the wait.
+        int r = 0;
+        if (flow.rto().sampled && flow.rto().srtt_us < SPIN_US) {
+            const timespec zero = {0, 0};
+            const int64_t until = now + std::min<int64_t>(SPIN_US, wait_us);
+            while ((r = ppoll(pfd, 2, &zero, nullptr)) == 0 && swuc_now_us() < until) {
+            }
+        }
+        if (r == 0)
+            r = ppoll(pfd, 2, &wait, nullptr);
         if (r < 0 && errno != EINTR) {
             result = -1;
             break;
@@ -478,15 +553,19 @@ int swuc_stream_data(swuc_session *s, const uint8_t *data, uint64_t size,
         if (r > 0 && (pfd[1].revents & POLLIN))
             drain_status(s);
         if (r > 0 && (pfd[0].revents & POLLIN)) {
-            for (;;) {
-                ssize_t n = recv(s->fd[SWUC_STREAM], buf, sizeof(buf), MSG_DONTWAIT);
-                if (n <= 0)
-                    break;
-                file_packet_ack_t ack;
-                if (proto_get_opcode(buf, static_cast<size_t>(n)) == PCKT_TRNSFR_ACK &&
-                    proto_decode_file_packet_ack(buf, static_cast<size_t>(n), &ack) == 0 &&
-                    flow.acked(ack.seg_number, swuc_now_us()))
-                    last_progress = swuc_now_us();
+            for (int n = ack_batch::CAP; n == static_cast<int>(ack_batch::CAP);) {
+                n = acks->take(s->fd[SWUC_STREAM]);
+                const int64_t at_us = swuc_now_us();
+                for (int i = 0; i < n; i++) {
+                    const uint8_t *a = acks->buf[i];
+                    const size_t len = acks->hdr[i].msg_len;
+                    file_packet_ack_t ack;
+                    if ((acks->hdr[i].msg_hdr.msg_flags & MSG_TRUNC) == 0 &&
+                        proto_get_opcode(a, len) == PCKT_TRNSFR_ACK &&
+                        proto_decode_file_packet_ack(a, len, &ack) == 0 &&
+                        flow.acked(ack.seg_number, at_us))
+                        last_progress = at_us;
+                }
             }
         }
         if (flow.done())
