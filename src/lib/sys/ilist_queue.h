@@ -1,13 +1,23 @@
 // Blocking FIFO of intrusive list nodes, shared between threads.
 //
 // A mutex guards the list; a counting semaphore carries the number of queued
-// nodes plus pending wake-ups, so a consumer blocks on the semaphore without
-// holding the mutex. A dequeue waits at most the queue's relative wait and
-// then returns null. The queue never allocates or frees its nodes.
+// nodes plus pending wake-ups, so a consumer takes a unit before it takes the
+// mutex and never waits holding it. A dequeue waits at most the queue's
+// relative wait and then returns null. The queue never allocates or frees its
+// nodes.
+//
+// A consumer with no unit to take sleeps on the queue's doorbell, not inside
+// the semaphore: glibc's sem_post makes a system call for every post from the
+// moment a consumer starts to wait until it has run again, and a producer on
+// the same core posts a whole burst in that time. A producer rings the bell
+// only when a consumer has said it sleeps, and the ring clears that, so a
+// burst costs one wake-up.
 #pragma once
 
 #include "lib/sys/ilist.h"
 
+#include <atomic>
+#include <cstdint>
 #include <ctime>
 #include <pthread.h>
 #include <semaphore.h>
@@ -17,6 +27,8 @@ struct ilq_desc {
     pthread_mutex_t lock;         // guards list
     sem_t elem_count_sem;         // queued nodes plus pending releases
     struct timespec time_to_wait; // longest wait of one dequeue
+    std::atomic<uint32_t> bell;   // futex word: moves on at every ring
+    std::atomic<int> sleepers;    // consumers that went to sleep since the last ring
 };
 using ilq_desc_t = ilq_desc;
 

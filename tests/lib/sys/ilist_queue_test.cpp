@@ -100,6 +100,33 @@ TEST_F(Queue, ReleaseWakesOneDequeueAndFlushDiscardsWhatIsPending)
     EXPECT_GE(timed_dequeue(), 299.0);
 }
 
+// A node queued while its consumer sleeps wakes it at once: two threads pass
+// one node back and forth through two queues, and a missed wake-up would hold
+// a hand-over for the whole 2 s wait.
+TEST_F(Queue, ASleepingConsumerIsWokenByEveryHandOver)
+{
+    const timespec wait = {2, 0};
+    q.time_to_wait = wait;
+    ilq_desc_t back;
+    ilq_init(&back, &wait);
+    std::thread echo([&] {
+        for (ilist_node_t *n; (n = ilq_dequeue(&q)) != nullptr;)
+            ilq_enqueue(&back, n);
+    });
+    int round = 0;
+    for (; round < 20000; ++round) {
+        ilq_enqueue(&q, &it[0].node);
+        const auto start = std::chrono::steady_clock::now();
+        if (ilq_dequeue(&back) != &it[0].node ||
+            std::chrono::steady_clock::now() - start > std::chrono::seconds(1))
+            break;
+    }
+    ilq_release(&q);
+    echo.join();
+    ilq_destroy(&back);
+    EXPECT_EQ(round, 20000);
+}
+
 // Blocked consumers take nodes as producers add them; every node arrives
 // exactly once.
 TEST_F(Queue, SeveralProducersAndConsumersHandOverEveryNodeOnce)
