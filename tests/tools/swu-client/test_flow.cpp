@@ -94,7 +94,7 @@ TEST(Flow, SegmentOneIsProbedWithSegmentTwoAndSentAgainOnlyWhenProbesGoUnanswere
     EXPECT_EQ(send_all(one, 0), std::vector<uint64_t>{1});
 }
 
-TEST(Flow, WindowOpensUpToItsCapAndALossBurstHalvesItOnceThenShutsIt)
+TEST(Flow, WindowOpensUpToItsCapAndALossBurstCutsItOnceThenShutsIt)
 {
     swuc_flow_opts o;
     o.max_window = 16;
@@ -123,24 +123,54 @@ TEST(Flow, WindowOpensUpToItsCapAndALossBurstHalvesItOnceThenShutsIt)
     // A burst takes the oldest packets in flight: nothing more is
     // acknowledged, so at the deadline the flow goes back to the first lost.
     const uint64_t lost = f.base();
+    const int64_t rto = f.rto().rto_us;
     t = f.deadline_us();
     ASSERT_TRUE(f.expire(t));
-    EXPECT_EQ(f.window(), 8.0) << "one loss, one halving";
+    EXPECT_DOUBLE_EQ(f.window(), 16 * 0.7) << "one loss, one cut";
+    EXPECT_EQ(f.rto().rto_us, rto) << "a lone loss says nothing about the round trip";
     std::vector<uint64_t> again = send_all(f, t);
-    ASSERT_EQ(again.size(), 8u);
+    ASSERT_EQ(again.size(), 11u);
     EXPECT_EQ(again.front(), lost);
     // Lost again: the link is shut, so one packet feels the way.
     t = f.deadline_us();
     ASSERT_TRUE(f.expire(t));
     EXPECT_EQ(f.window(), 1.0);
+    EXPECT_EQ(f.rto().rto_us, 2 * rto);
     EXPECT_EQ(send_all(f, t), std::vector<uint64_t>{lost});
     EXPECT_EQ(f.consecutive_timeouts(), 2);
-    const int64_t backed_off = f.rto().rto_us;
     // It gets through; the back-off ends with the progress.
     ASSERT_TRUE(f.acked(lost, t + 2 * MS));
     EXPECT_EQ(f.consecutive_timeouts(), 0);
-    EXPECT_LT(f.rto().rto_us, backed_off);
-    EXPECT_EQ(f.resent(), 9u);
+    EXPECT_LT(f.rto().rto_us, 2 * rto);
+    EXPECT_EQ(f.resent(), 12u);
+}
+
+TEST(Flow, AfterALossTheWindowGrowsBackByHalfAPacketPerRoundTripWithoutWaitingForBursts)
+{
+    swuc_flow_opts o;
+    o.max_window = 8;
+    swuc_flow f = started(10000, o);
+    int64_t t = 2 * MS;
+    while (f.window() < 8) {
+        send_all(f, t);
+        t += 2 * MS;
+        ASSERT_TRUE(f.acked(f.next() - 1, t));
+    }
+    send_all(f, t);
+    t = f.deadline_us();
+    ASSERT_TRUE(f.expire(t));
+    const double cut = f.window();
+    ASSERT_DOUBLE_EQ(cut, 8 * 0.7);
+    // A small window sends each freed slot at once: with the round trip of a
+    // radio link, waiting for a burst would idle it.
+    ASSERT_EQ(send_all(f, t).size(), 5u);
+    t += 2 * MS;
+    ASSERT_TRUE(f.acked(f.base(), t));
+    EXPECT_EQ(send_all(f, t).size(), 1u);
+    // A window's worth of acknowledgements is one round trip.
+    for (int i = 0; i < 5; i++)
+        ASSERT_TRUE(f.acked(f.base(), t));
+    EXPECT_NEAR(f.window() - cut, 0.53, 0.05);
 }
 
 TEST(Flow, RepeatedStrayAndLateAcknowledgementsAreHarmless)

@@ -26,6 +26,16 @@ void swuc_rto::back_off()
 namespace
 {
 
+// Below this window a burst is not waited for: the link, not the terminal's
+// wake-ups, is what holds the stream back.
+constexpr double BURST_FROM_WINDOW = 8;
+
+// A loss takes 30 % off the window, and the window grows back by ALPHA
+// packets per round trip: the pair keeps the mean rate of halving and growing
+// by one, with a window that swings less, so a random loss costs less.
+constexpr double BETA = 0.7;
+constexpr double ALPHA = 3 * (1 - BETA) / (1 + BETA);
+
 size_t ring_size(uint32_t window)
 {
     size_t n = 8;
@@ -61,7 +71,9 @@ uint64_t swuc_flow::next_to_send()
         return 0;
     if (burst_left_ == 0) {
         const double room = std::floor(cwnd_ - in_flight);
-        const double burst = std::max(1.0, std::min<double>(o_.burst, std::floor(cwnd_ / 2)));
+        const double burst = cwnd_ < BURST_FROM_WINDOW
+                                 ? 1.0
+                                 : std::max(1.0, std::min<double>(o_.burst, std::floor(cwnd_ / 2)));
         if (in_flight > 0 && room < burst)
             return 0;
         burst_left_ = static_cast<uint32_t>(std::max(room, 1.0));
@@ -100,7 +112,7 @@ bool swuc_flow::acked(uint64_t seg, int64_t now_us)
         rto_.rto_us = std::clamp(rto_.srtt_us + 4 * rto_.rttvar_us, rto_.floor_us, rto_.ceil_us);
     const uint64_t newly = seg + 1 - base_;
     for (uint64_t i = 0; i < newly && cwnd_ < o_.max_window; i++)
-        cwnd_ += cwnd_ < ssthresh_ ? 1.0 : 1.0 / cwnd_;
+        cwnd_ += cwnd_ < ssthresh_ ? 1.0 : ALPHA / cwnd_;
     cwnd_ = std::min<double>(cwnd_, o_.max_window);
     if (base_ == 1)
         cwnd_ = std::min<double>(o_.initial_window, o_.max_window);
@@ -127,7 +139,8 @@ bool swuc_flow::expire(int64_t now_us)
         return false;
     timeouts_++;
     consecutive_++;
-    rto_.back_off();
+    if (consecutive_ > 1)
+        rto_.back_off();
     timer_from_us_ = now_us;
     burst_left_ = 0;
     if (base_ == 1) {
@@ -141,7 +154,7 @@ bool swuc_flow::expire(int64_t now_us)
     }
     if (consecutive_ == 1 && base_ > recover_) {
         // One loss, one halving: the packets lost with it are the same loss.
-        ssthresh_ = std::max(cwnd_ / 2, 2.0);
+        ssthresh_ = std::max(cwnd_ * BETA, 2.0);
         cwnd_ = std::min(ssthresh_, cwnd_);
         recover_ = highest_;
     } else if (consecutive_ > 1) {

@@ -19,8 +19,8 @@
 
 // Retransmission time-out from round-trip samples: the mean and the mean
 // deviation, smoothed by 1/8 and 1/4, and a time-out of the mean plus four
-// deviations between a floor and a ceiling; doubled on each time-out in a
-// row.
+// deviations between a floor and a ceiling; the flow doubles it from the
+// second time-out in a row.
 struct swuc_rto {
     int64_t floor_us;
     int64_t ceil_us;
@@ -40,9 +40,9 @@ struct swuc_rto {
 struct swuc_flow_opts {
     uint32_t max_window = 64;    // most packets in flight
     uint32_t initial_window = 4; // after segment 1
-    // With packets in flight, new ones wait until this many (at most half the
-    // window) can go together: the terminal then wakes once for a burst
-    // rather than once for each packet.
+    // With packets in flight and a window of 8 or more, new ones wait until
+    // this many (at most half the window) can go together: the terminal then
+    // wakes once for a burst rather than once for each packet.
     uint32_t burst = 16;
     int64_t initial_rto_us = 100000;
     int64_t min_rto_us = 2000; // a LAN's floor: below it a busy terminal looks lossy
