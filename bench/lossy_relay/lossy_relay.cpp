@@ -16,6 +16,7 @@
 // datagram's delay evenly over delay ± jitter. Prints
 // "lossy_relay: listening on PORT" when ready and its counters when it ends
 // (SIGTERM or SIGINT).
+#include "impaired_line.h"
 #include "proto/protocol.h"
 
 #include <algorithm>
@@ -27,8 +28,6 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <deque>
-#include <optional>
 #include <poll.h>
 #include <random>
 #include <string>
@@ -40,8 +39,6 @@ namespace
 {
 
 volatile sig_atomic_t g_stop = 0;
-
-constexpr int64_t HOLD_US = 5000; // longest a reordered datagram waits for the next
 
 struct datagram {
     std::vector<uint8_t> bytes;
@@ -80,85 +77,27 @@ uint16_t bound_port(int fd)
     return ntohs(sa.sin_port);
 }
 
-// One direction of the link with its own impairments and counters.
+// One direction of the link: its impairments, and the socket it sends from.
 struct direction {
     const char *name;
-    int fd; // sends from here
-    double drop, dup, reorder;
-    int64_t delay_us, jitter_us;
-    std::mt19937_64 *rng;
-    std::deque<std::pair<int64_t, datagram>> line; // due time, in due order
-    std::optional<datagram> held;                  // waits to go behind the next
-    int64_t held_since = 0;
-    unsigned long passed = 0, dropped = 0, duplicated = 0, reordered = 0;
-
-    double draw() { return std::uniform_real_distribution<double>(0.0, 1.0)(*rng); }
-
-    // A datagram never overtakes the one before it: jitter stretches the
-    // queue rather than shuffling it.
-    void schedule(datagram d, int64_t now)
-    {
-        int64_t due = now + delay_us;
-        if (jitter_us > 0)
-            due += std::uniform_int_distribution<int64_t>(-jitter_us, jitter_us)(*rng);
-        if (!line.empty())
-            due = std::max(due, line.back().first);
-        line.emplace_back(due, std::move(d));
-    }
-
-    void carry(datagram d, int64_t now)
-    {
-        if (draw() < drop) {
-            dropped++;
-            return;
-        }
-        passed++;
-        const bool twice = draw() < dup;
-        if (!held && draw() < reorder) {
-            reordered++;
-            held = std::move(d);
-            held_since = now;
-            return;
-        }
-        if (twice) {
-            duplicated++;
-            schedule(d, now);
-        }
-        schedule(std::move(d), now);
-        release_held(now);
-    }
-
-    void release_held(int64_t now)
-    {
-        if (held) {
-            schedule(std::move(*held), now);
-            held.reset();
-        }
-    }
+    int fd;
+    impaired_line<datagram> link;
 
     // Sends what is due; returns microseconds until the next datagram is.
     int64_t send_due(int64_t now)
     {
-        if (held && now - held_since >= HOLD_US)
-            release_held(now);
-        while (!line.empty() && line.front().first <= now) {
-            const datagram &d = line.front().second;
+        link.pop_due(now, [this](const datagram &d) {
             sendto(fd, d.bytes.data(), d.bytes.size(), 0, reinterpret_cast<const sockaddr *>(&d.to),
                    sizeof(d.to));
-            line.pop_front();
-        }
-        int64_t next = INT64_MAX;
-        if (!line.empty())
-            next = line.front().first - now;
-        if (held)
-            next = std::min(next, held_since + HOLD_US - now);
-        return next;
+        });
+        const int64_t next = link.next_due();
+        return next == INT64_MAX ? next : next - now;
     }
 
     void print() const
     {
         fprintf(stderr, "lossy_relay: %s: %lu passed, %lu dropped, %lu duplicated, %lu reordered\n",
-                name, passed, dropped, duplicated, reordered);
+                name, link.passed, link.dropped, link.duplicated, link.reordered);
     }
 };
 
@@ -220,8 +159,9 @@ int main(int argc, char **argv)
     std::mt19937_64 rng(seed);
     const auto delay_us = static_cast<int64_t>(delay_ms * 1000);
     const auto jitter_us = std::min(static_cast<int64_t>(jitter_ms * 1000), delay_us);
-    direction up{"to terminal", rx, drop, dup, reorder, delay_us, jitter_us, &rng, {}, {}, 0};
-    direction down{"to client", front, drop, dup, reorder, delay_us, jitter_us, &rng, {}, {}, 0};
+    const impaired_line<datagram> link(drop, dup, reorder, delay_us, jitter_us, &rng);
+    direction up{"to terminal", rx, link};
+    direction down{"to client", front, link};
     sockaddr_in client = {};
     uint16_t client_rx = 0, client_stream = 0;
 
@@ -267,11 +207,11 @@ int main(int argc, char **argv)
                         proto_encode_connection_request(d.bytes.data(), d.bytes.size(), &req);
                     }
                     d.to = terminal;
-                    up.carry(std::move(d), now);
+                    up.link.carry(std::move(d), now);
                 } else if (client_rx != 0) {
                     d.to = client;
                     d.to.sin_port = htons(i == 1 ? client_rx : client_stream);
-                    down.carry(std::move(d), now);
+                    down.link.carry(std::move(d), now);
                 }
             }
         }
