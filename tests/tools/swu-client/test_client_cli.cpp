@@ -65,8 +65,9 @@ TEST_F(ClientCli, UpdateTravelsFromDiscoveryToTheReboot)
     const std::string pkg_bytes = root_.read("client/update-2.0.1.swu");
     run_result u = client(root_, {"update", "127.0.0.1", pkg, "--no-reboot"}, true);
     EXPECT_EQ(u.exit_code, 0) << u.out;
-    for (const char *shown :
-         {"\r[", "100%", "verifying the package", "installing", "not asked to reboot"})
+    // The stages between the stream and the finish are sampled by status
+    // polls and may pass unseen; the finish always ends the follow.
+    for (const char *shown : {"\r[", "100%", "installed: ", "not asked to reboot"})
         EXPECT_NE(u.out.find(shown), std::string::npos) << shown << " not in\n" << u.out;
 
     // The package stays without its footer; the artifacts are on the
