@@ -67,8 +67,8 @@ int plat_mtd_erase(int fd, uint32_t start, uint32_t length);
 int plat_reboot();
 
 // mount/umount/statfs/sync with the system's own paths.
-int plat_mount(const char *source, const char *target, const char *fstype,
-               unsigned long flags, const void *data);
+int plat_mount(const char *source, const char *target, const char *fstype, unsigned long flags,
+               const void *data);
 int plat_umount(const char *target);
 int plat_statfs(const char *abs_path, struct statfs *buf);
 void plat_sync();

@@ -14,17 +14,32 @@
 static_assert(PLAT_MS_DIRSYNC == MS_DIRSYNC);
 static_assert(sizeof(erase_info_t) == 8);
 
-bool plat_is_simulation() { return false; }
+bool plat_is_simulation()
+{
+    return false;
+}
 
 void plat_require_root(const char *) {}
 
-std::string plat_path(const char *abs_path) { return abs_path == nullptr ? "" : abs_path; }
+std::string plat_path(const char *abs_path)
+{
+    return abs_path == nullptr ? "" : abs_path;
+}
 
-int plat_open(const char *abs_path, int flags, mode_t mode) { return open(abs_path, flags, mode); }
+int plat_open(const char *abs_path, int flags, mode_t mode)
+{
+    return open(abs_path, flags, mode);
+}
 
-ssize_t plat_read(int fd, void *buf, size_t count) { return read(fd, buf, count); }
+ssize_t plat_read(int fd, void *buf, size_t count)
+{
+    return read(fd, buf, count);
+}
 
-ssize_t plat_write(int fd, const void *buf, size_t count) { return write(fd, buf, count); }
+ssize_t plat_write(int fd, const void *buf, size_t count)
+{
+    return write(fd, buf, count);
+}
 
 int plat_reserve(int fd, off_t len)
 {
@@ -49,7 +64,10 @@ int plat_mtd_erase(int fd, uint32_t start, uint32_t length)
     return ioctl(fd, MEMERASE, &erase);
 }
 
-int plat_reboot() { return reboot(RB_AUTOBOOT); }
+int plat_reboot()
+{
+    return reboot(RB_AUTOBOOT);
+}
 
 int plat_mount(const char *source, const char *target, const char *fstype, unsigned long flags,
                const void *data)
@@ -57,14 +75,32 @@ int plat_mount(const char *source, const char *target, const char *fstype, unsig
     return mount(source, target, fstype, flags, data);
 }
 
-int plat_umount(const char *target) { return umount(target); }
+int plat_umount(const char *target)
+{
+    return umount(target);
+}
 
-int plat_statfs(const char *abs_path, struct statfs *buf) { return statfs(abs_path, buf); }
+int plat_statfs(const char *abs_path, struct statfs *buf)
+{
+    return statfs(abs_path, buf);
+}
 
-void plat_sync() { sync(); }
+void plat_sync()
+{
+    sync();
+}
 
-int plat_system(const char *command) { return system(command); }
+int plat_system(const char *command)
+{
+    return system(command);
+}
 
-FILE *plat_popen(const char *command, const char *mode) { return popen(command, mode); }
+FILE *plat_popen(const char *command, const char *mode)
+{
+    return popen(command, mode);
+}
 
-int plat_pclose(FILE *stream) { return pclose(stream); }
+int plat_pclose(FILE *stream)
+{
+    return pclose(stream);
+}

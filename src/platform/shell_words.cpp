@@ -2,7 +2,8 @@
 
 #include <cstring>
 
-namespace {
+namespace
+{
 
 std::string first_word(const std::string &command, size_t *end)
 {

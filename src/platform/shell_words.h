@@ -5,11 +5,11 @@
 #include <string>
 
 enum plat_cmd_kind {
-    PLAT_CMD_RUN,          // tar or md5sum with every argument safely quoted
-    PLAT_CMD_FDISK,        // the partitioning pipeline into fdisk
-    PLAT_CMD_MKFS,         // mkfs.vfat of a partition
-    PLAT_CMD_LOG_ONLY,     // access point and interface control
-    PLAT_CMD_REFUSE,       // anything else, or an unquoted shell operator
+    PLAT_CMD_RUN,      // tar or md5sum with every argument safely quoted
+    PLAT_CMD_FDISK,    // the partitioning pipeline into fdisk
+    PLAT_CMD_MKFS,     // mkfs.vfat of a partition
+    PLAT_CMD_LOG_ONLY, // access point and interface control
+    PLAT_CMD_REFUSE,   // anything else, or an unquoted shell operator
 };
 
 struct plat_cmd_t {
