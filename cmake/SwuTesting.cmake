@@ -1,14 +1,16 @@
-# swu_add_test(<name> SOURCES ... [LIBS ...] [PORTABLE] [THREADED] [NETNS] [TIMEOUT s])
+# swu_add_test(<name> SOURCES ... [LIBS ...] [DEPENDS target...] [PORTABLE] [THREADED] [NETNS]
+#               [TIMEOUT s])
 #
 # One GoogleTest executable per module. Labels say where a test also runs:
 #   PORTABLE  touches nothing of the host simulation, so the terminal (armhf)
 #             build runs it under qemu;
 #   THREADED  exercises real threads, so the ThreadSanitizer build runs it.
 # NETNS runs each test case in a private network namespace of its own (needs
-# root), for tests that start the daemon on its fixed ports.
+# root), for tests that start the daemon on its fixed ports. DEPENDS names the
+# programs a test runs, built before it. Tests include from tests/ (support/).
 # SWU_TEST_SUBSET ("all", "threaded", "portable") selects what a build compiles.
 function(swu_add_test name)
-  cmake_parse_arguments(T "PORTABLE;THREADED;NETNS" "TIMEOUT" "SOURCES;LIBS" ${ARGN})
+  cmake_parse_arguments(T "PORTABLE;THREADED;NETNS" "TIMEOUT" "SOURCES;LIBS;DEPENDS" ${ARGN})
   if(SWU_TEST_SUBSET STREQUAL "threaded" AND NOT T_THREADED)
     return()
   endif()
@@ -31,6 +33,10 @@ function(swu_add_test name)
     target_link_libraries(${name} PRIVATE ${T_LIBS} GTest::gtest GTest::gmock)
   else()
     target_link_libraries(${name} PRIVATE ${T_LIBS} GTest::gtest GTest::gmock GTest::gtest_main)
+  endif()
+  target_include_directories(${name} PRIVATE ${PROJECT_SOURCE_DIR}/tests)
+  if(T_DEPENDS)
+    add_dependencies(${name} ${T_DEPENDS})
   endif()
   target_compile_definitions(${name} PRIVATE SWU_BIN_DIR="${CMAKE_BINARY_DIR}/bin"
                                              SWU_SOURCE_DIR="${PROJECT_SOURCE_DIR}")

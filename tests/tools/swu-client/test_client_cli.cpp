@@ -106,8 +106,6 @@ TEST_F(ClientCli, UpdateTravelsFromDiscoveryToTheReboot)
 TEST_F(ClientCli, AnUpdateOverALossyWiFiHopInstallsTheRightFiles)
 {
     const std::string relay_bin = SWU_BIN_DIR "/lossy_relay";
-    if (access(relay_bin.c_str(), X_OK) != 0)
-        GTEST_SKIP() << "lossy_relay is built with the benchmarks only";
     ASSERT_NO_FATAL_FAILURE(start());
     TestProcess relay;
     ASSERT_TRUE(relay.start({relay_bin, "--to", "127.0.0.1:12226", "--listen", "12300", "--drop",
