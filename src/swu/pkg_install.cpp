@@ -288,6 +288,8 @@ int do_pkg_install(struct validation_thrd_arg *thrd_data, artifact_desc_t *art_l
         struct stat st;
         if (cpy_files_2_emmc(art_list, art_count) != 0) {
             puts("cpy_files_2_emmc faild");
+        } else if (check_signed_copies(plat_path("/mnt/emmc/").c_str(), art_list, art_count) != 0) {
+            // reported; the microcontroller is left alone
         } else if ((thrd_data->swu_reson & SWU_REASON_KEEP_MCU) == 0 &&
                    stat(plat_path("/mnt/emmc/st.bin").c_str(), &st) == 0) {
             // The front end scans its options as a command line does, so it

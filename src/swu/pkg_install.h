@@ -99,6 +99,11 @@ int list_pkg_content(artifact_desc_t **art_list, uint32_t *art_count);
 int do_pkg_install(struct validation_thrd_arg *thrd_data, artifact_desc_t *art_list,
                    uint32_t art_count);
 
+// With a trusted key: checks the copies of `art_list` in `dir` (the card)
+// against the signed manifest the package was accepted with, and removes
+// them all when one differs. 0 when they match, and always without a key.
+int check_signed_copies(const char *dir, const artifact_desc_t *art_list, uint32_t art_count);
+
 // Re-partitions and re-formats the card; everything on it is lost.
 void do_emmc_recovery();
 
