@@ -19,7 +19,7 @@ if(SWU_PLATFORM STREQUAL "terminal")
   install(PROGRAMS ${CMAKE_BINARY_DIR}/deploy/S90swu DESTINATION /etc/init.d)
   # The tarball carries no libraries: the terminal programs take in the C++
   # runtime, libsodium and inih statically and need only the C library.
-  foreach(program IN ITEMS swu st_control)
+  foreach(program IN ITEMS swu st_control swu-logcap)
     if(TARGET ${program})
       target_link_options(${program} PRIVATE -static-libstdc++ -static-libgcc)
     endif()
