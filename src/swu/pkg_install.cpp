@@ -20,12 +20,13 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-std::atomic<int> g_instatll_status{INSTALL_STT_IN_PROGRESS};
 sem_t g_install_sync_sem;
 struct validation_thrd_arg g_instatll_thrd_data = {nullptr, 0, 0};
 
 namespace
 {
+
+std::atomic<int> g_instatll_status{INSTALL_STT_IN_PROGRESS};
 
 constexpr const char *FDISK_CMD = "echo -e \"d\no\nn\np\n1\n\n\nw\" | fdisk /dev/mmcblk0";
 constexpr const char *MKFS_CMD = "mkfs.vfat /dev/mmcblk0p1";
@@ -211,6 +212,11 @@ std::string pkg_shell_quote(const char *text)
 int get_install_status()
 {
     return g_instatll_status;
+}
+
+void set_install_status(int status)
+{
+    g_instatll_status = status;
 }
 
 int post_install_sem()

@@ -154,7 +154,7 @@ int check_pkg_crc(const char *path, pkg_metadata_t *pkg_data)
     }
     if (extract_footer(pkg_data, fd.get(), st.st_size) != 0) {
         perror("invalid footer");
-        g_instatll_status = INSTALL_STT_CRC_ERROR;
+        set_install_status(INSTALL_STT_CRC_ERROR);
         return -1;
     }
 
@@ -163,12 +163,12 @@ int check_pkg_crc(const char *path, pkg_metadata_t *pkg_data)
     uint64_t payload_size = static_cast<uint64_t>(st.st_size) - PKG_FOOTER_SIZE;
     if (pkg_crc_fd(fd.get(), payload_size, &crc) != 0) {
         perror("read failed");
-        g_instatll_status = INSTALL_STT_CRC_ERROR;
+        set_install_status(INSTALL_STT_CRC_ERROR);
     } else if (crc == pkg_data->crc) {
         printf("[success] extracted metadata crc: %u | calculated truncated pkg crc "
                "%u..............\n",
                pkg_data->crc, crc);
-        g_instatll_status = INSTALL_STT_CRC_OK;
+        set_install_status(INSTALL_STT_CRC_OK);
         result = 0;
     } else {
         printf("[failure] extracted metadata crc: %u | calculated truncated pkg crc "
@@ -176,7 +176,7 @@ int check_pkg_crc(const char *path, pkg_metadata_t *pkg_data)
                pkg_data->crc, crc);
         fflush(stdout);
         perror("invalid crc");
-        g_instatll_status = INSTALL_STT_CRC_ERROR;
+        set_install_status(INSTALL_STT_CRC_ERROR);
     }
     return result;
 }
@@ -264,10 +264,10 @@ int do_pkg_validation(const char *path, pkg_metadata_t *pkg_data)
     if (check_pkg_crc(path, pkg_data) != 0)
         return -1;
     if (do_extract_pkg(path) == 0 && signature_accepted()) {
-        g_instatll_status = INSTALL_STT_ARTIFACT_OK;
+        set_install_status(INSTALL_STT_ARTIFACT_OK);
         return 0;
     }
-    g_instatll_status = INSTALL_STT_ARTIFACT_ERROR;
+    set_install_status(INSTALL_STT_ARTIFACT_ERROR);
     return -1;
 }
 

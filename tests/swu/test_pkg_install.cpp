@@ -52,7 +52,7 @@ install_result run_install(
     CaptureStderr();
     // As the verification state does: the last run's verdict stays until
     // the next run starts.
-    g_instatll_status = INSTALL_STT_IN_PROGRESS;
+    set_install_status(INSTALL_STT_IN_PROGRESS);
     pthread_t thread;
     EXPECT_EQ(pthread_create(&thread, nullptr, pkg_install_thrd_proc, &arg), 0);
     int verdict = wait_for_status(
@@ -223,7 +223,7 @@ TEST(PkgInstall, ARunStartsWithNoVerdictAndWithoutEarlierSignals)
     PkgSim sim;
     // A package that can't be opened publishes no verdict; the thread then
     // waits for a signal, and the status must not show an earlier run's.
-    g_instatll_status = INSTALL_STT_INSTALL_FAILURE;
+    set_install_status(INSTALL_STT_INSTALL_FAILURE);
     char missing[] = "missing.swu";
     validation_thrd_arg arg = {missing, 1, 99};
     CaptureStderr();
