@@ -39,7 +39,7 @@ cat >"$t/defaults" <<DEFAULTS
 SWU_WORKDIR='$quoted'
 PIDFILE=$t/swu.pid
 SWU_STAGING=$t/staging
-SWU_OPTS="-R 1"
+SWU_OPTS="-R *"
 SWU_LOG_KB=64
 DEFAULTS
 export SWU_DEFAULTS="$t/defaults"
@@ -64,7 +64,7 @@ swu.log
 swu.log.0
 /dev/null
 pid $pid
-args -R 1
+args -R *
 last run"
 [ "$(cat "$t/found")" = "$expected" ] || fail "the daemon found: $(cat "$t/found")"
 [ ! -e "$t/staging" ] || fail "the staging directory stayed"
