@@ -2,7 +2,8 @@
 #
 # Terminal build: `cmake --install` puts swu and st_control in sbin (their own
 # install rules) and the init script S90swu in /etc/init.d; stage it for the
-# root file system with DESTDIR.
+# root file system with DESTDIR. The programs need only the C library there
+# (docs/deployment.md).
 #
 # Host build: the technician's tools (swu-client, swu-pack, stm32-sim) form the
 # install component "host_tools", which `cpack -G DEB` packs as a .deb for a
@@ -16,6 +17,13 @@ if(SWU_PLATFORM STREQUAL "terminal")
   configure_file(${PROJECT_SOURCE_DIR}/deploy/S90swu ${CMAKE_BINARY_DIR}/deploy/S90swu @ONLY)
   # An absolute destination: init scripts live in /etc whatever the prefix.
   install(PROGRAMS ${CMAKE_BINARY_DIR}/deploy/S90swu DESTINATION /etc/init.d)
+  # The tarball carries no libraries: the terminal programs take in the C++
+  # runtime, libsodium and inih statically and need only the C library.
+  foreach(program IN ITEMS swu st_control swu-logcap)
+    if(TARGET ${program})
+      target_link_options(${program} PRIVATE -static-libstdc++ -static-libgcc)
+    endif()
+  endforeach()
 endif()
 
 # The Wireshark dissector ships with the host tools.

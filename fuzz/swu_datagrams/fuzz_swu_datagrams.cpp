@@ -62,8 +62,6 @@ void check_sent(swu_harness &h)
 void run_input(const uint8_t *data, size_t size)
 {
     swu_harness h;
-    int *const switches[] = {&g_set_stream_failure, &g_invalid_pkg_name, &g_invalid_pkg_name_len,
-                             &g_invalid_pkg_size, &g_malloc_failure};
     uint8_t state = SM_STATE_IDLE;
     size_t pos = 0;
     while (pos + 3 <= size) {
@@ -78,11 +76,11 @@ void run_input(const uint8_t *data, size_t size)
         if (ctl & 0x08)
             finish_state_start_time = 1;
         if (ctl & 0x80)
-            *switches[len % 5] = 1;
+            sim_failure_arm(static_cast<sim_failure>(len % SIM_FAILURE_COUNT));
         if (state == SM_STATE_VERIFY && h.ctx.instatll_thrd_fd == 0)
             h.ctx.instatll_thrd_fd = static_cast<pthread_t>(1);
         if (state == SM_STATE_VERIFY || state == SM_STATE_UPGRADE)
-            g_instatll_status = (ctl >> 4) & 0x07;
+            set_install_status((ctl >> 4) & 0x07);
 
         switch (ctl & 0x03) {
         case 0:

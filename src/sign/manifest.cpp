@@ -132,14 +132,49 @@ std::string sign_file_sha256(const std::string &path)
     return file_digest(path, &size, &sha256) ? sha256 : "";
 }
 
-std::string manifest_text(std::vector<manifest_entry> entries)
+namespace
+{
+
+constexpr char VERSION_LINE[] = "version ";
+constexpr char DOWNGRADE_LINE[] = "downgrade";
+
+} // namespace
+
+std::string manifest_text(std::vector<manifest_entry> entries, const manifest_package &package)
 {
     std::sort(entries.begin(), entries.end(),
               [](const manifest_entry &a, const manifest_entry &b) { return a.name < b.name; });
-    std::string text;
+    std::string text = VERSION_LINE + std::to_string(package.version[0]) + "." +
+                       std::to_string(package.version[1]) + "." +
+                       std::to_string(package.version[2]) + "\n";
+    if (package.downgrade)
+        text += std::string(DOWNGRADE_LINE) + "\n";
     for (const manifest_entry &e : entries)
         text += e.sha256 + " " + std::to_string(e.size) + " " + e.name + "\n";
     return text;
+}
+
+manifest_package manifest_package_of(const std::string &text)
+{
+    manifest_package package;
+    std::istringstream lines(text);
+    for (std::string line; std::getline(lines, line);) {
+        if (line.rfind(VERSION_LINE, 0) == 0) {
+            unsigned v[3] = {};
+            sscanf(line.c_str() + strlen(VERSION_LINE), "%u.%u.%u", &v[0], &v[1], &v[2]);
+            for (int i = 0; i < 3; i++)
+                package.version[i] = static_cast<uint16_t>(v[i]);
+        } else if (line == DOWNGRADE_LINE) {
+            package.downgrade = true;
+        }
+    }
+    return package;
+}
+
+bool manifest_allows(const manifest_package &package, const uint16_t installed[3])
+{
+    return package.downgrade || !std::lexicographical_compare(package.version, package.version + 3,
+                                                              installed, installed + 3);
 }
 
 std::string manifest_sign(const std::string &text, const std::vector<uint8_t> &sk)
@@ -168,8 +203,14 @@ int manifest_check(const std::string &text, const std::string &sig, const std::v
     }
     std::map<std::string, manifest_entry> listed;
     std::istringstream lines(text);
-    for (manifest_entry e; lines >> e.sha256 >> e.size && std::getline(lines >> std::ws, e.name);)
-        listed[e.name] = e;
+    for (std::string line; std::getline(lines, line);) {
+        if (line.rfind(VERSION_LINE, 0) == 0 || line == DOWNGRADE_LINE)
+            continue;
+        std::istringstream fields(line);
+        manifest_entry e;
+        if (fields >> e.sha256 >> e.size && std::getline(fields >> std::ws, e.name))
+            listed[e.name] = e;
+    }
     for (const manifest_entry &f : files) {
         if (f.name == MANIFEST_ARTIFACT || f.name == MANIFEST_SIG_ARTIFACT)
             continue;
@@ -191,11 +232,12 @@ int manifest_check(const std::string &text, const std::string &sig, const std::v
     return 0;
 }
 
-int manifest_check_dir(const std::string &dir, const std::vector<uint8_t> &pk, std::string *why)
+int manifest_check_dir(const std::string &dir, const std::vector<uint8_t> &pk, std::string *why,
+                       std::string *text, std::string *sig)
 {
-    std::string text, sig;
-    if (!read_file(dir + "/" + MANIFEST_ARTIFACT, &text, 1 << 20) ||
-        !read_file(dir + "/" + MANIFEST_SIG_ARTIFACT, &sig, 4096)) {
+    std::string read_text, read_sig;
+    if (!read_file(dir + "/" + MANIFEST_ARTIFACT, &read_text, 1 << 20) ||
+        !read_file(dir + "/" + MANIFEST_SIG_ARTIFACT, &read_sig, 4096)) {
         *why = "the package is unsigned";
         return -1;
     }
@@ -213,5 +255,27 @@ int manifest_check_dir(const std::string &dir, const std::vector<uint8_t> &pk, s
             files.push_back(e);
     }
     closedir(d);
+    if (manifest_check(read_text, read_sig, pk, files, why) != 0)
+        return -1;
+    if (text != nullptr)
+        *text = read_text;
+    if (sig != nullptr)
+        *sig = read_sig;
+    return 0;
+}
+
+int manifest_check_files(const std::string &dir, const std::vector<std::string> &names,
+                         const std::string &text, const std::string &sig,
+                         const std::vector<uint8_t> &pk, std::string *why)
+{
+    std::vector<manifest_entry> files;
+    for (const std::string &name : names) {
+        manifest_entry e{name, 0, ""};
+        if (!file_digest(dir + "/" + name, &e.size, &e.sha256)) {
+            *why = "artifact '" + name + "' cannot be read";
+            return -1;
+        }
+        files.push_back(e);
+    }
     return manifest_check(text, sig, pk, files, why);
 }

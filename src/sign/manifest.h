@@ -1,8 +1,9 @@
 // Signed packages. A signed package carries two more artifacts at the top
-// of its archive: the manifest, one line "<sha256 hex> <size> <name>" per
-// artifact sorted by name, and the manifest's detached Ed25519 signature
-// (64 bytes). Keys are kept as hexadecimal text: 64 bytes for a secret key,
-// 32 for a public one.
+// of its archive: the manifest and its detached Ed25519 signature (64 bytes).
+// The manifest starts with the line "version X.Y.Z", the package's version,
+// and a line "downgrade" when it was signed to replace a newer version; then
+// one line "<sha256 hex> <size> <name>" per artifact, sorted by name. Keys are
+// kept as hexadecimal text: 64 bytes for a secret key, 32 for a public one.
 #pragma once
 
 #include <cstddef>
@@ -36,8 +37,20 @@ int sign_read_key(const std::string &path, size_t size, std::vector<uint8_t> *ke
 std::string sign_file_sha256(const std::string &path);
 std::string sign_sha256(const void *data, size_t size);
 
-// The manifest's text for these artifacts (sorted by name).
-std::string manifest_text(std::vector<manifest_entry> entries);
+// What a manifest says of the package as a whole. A manifest without a
+// version line stands for version 0.0.0.
+struct manifest_package {
+    uint16_t version[3] = {};
+    bool downgrade = false; // may replace a newer installed version
+};
+
+// The manifest's text for this package and these artifacts (sorted by name).
+std::string manifest_text(std::vector<manifest_entry> entries, const manifest_package &package);
+// The package lines of a manifest's text.
+manifest_package manifest_package_of(const std::string &text);
+// True when `package` may replace the installed version `installed`: it is
+// not older, or it was signed as a downgrade.
+bool manifest_allows(const manifest_package &package, const uint16_t installed[3]);
 // The detached signature of `text` with the secret key `sk`.
 std::string manifest_sign(const std::string &text, const std::vector<uint8_t> &sk);
 
@@ -47,5 +60,12 @@ std::string manifest_sign(const std::string &text, const std::vector<uint8_t> &s
 // hash, nothing listed missing. 0, or -1 with the reason in *why.
 int manifest_check(const std::string &text, const std::string &sig, const std::vector<uint8_t> &pk,
                    const std::vector<manifest_entry> &files, std::string *why);
-// The same for a directory holding the unpacked package's regular files.
-int manifest_check_dir(const std::string &dir, const std::vector<uint8_t> &pk, std::string *why);
+// The same for a directory holding the unpacked package's regular files. On
+// success *text and *sig (when not null) hold the manifest that verified.
+int manifest_check_dir(const std::string &dir, const std::vector<uint8_t> &pk, std::string *why,
+                       std::string *text = nullptr, std::string *sig = nullptr);
+// The same for the files `names` in `dir`, checked against a manifest read
+// before (copies of a package's artifacts, made after its check).
+int manifest_check_files(const std::string &dir, const std::vector<std::string> &names,
+                         const std::string &text, const std::string &sig,
+                         const std::vector<uint8_t> &pk, std::string *why);

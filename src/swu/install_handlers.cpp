@@ -40,7 +40,7 @@ int start_install_thread(swu_data_t *swu_data)
     memcpy(g_install_pkg_path, g_pkg_name, sizeof(g_install_pkg_path));
     g_instatll_thrd_data.path = g_install_pkg_path;
     // The previous thread's verdict must not be read as this package's.
-    g_instatll_status = INSTALL_STT_IN_PROGRESS;
+    set_install_status(INSTALL_STT_IN_PROGRESS);
     g_install_thrd_alive = 1;
     pthread_t id;
     int ret = pthread_create(&id, &swu_data->thrd_attr, install_thrd_entry, &g_instatll_thrd_data);

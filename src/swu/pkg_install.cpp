@@ -20,12 +20,13 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-std::atomic<int> g_instatll_status{INSTALL_STT_IN_PROGRESS};
 sem_t g_install_sync_sem;
 struct validation_thrd_arg g_instatll_thrd_data = {nullptr, 0, 0};
 
 namespace
 {
+
+std::atomic<int> g_instatll_status{INSTALL_STT_IN_PROGRESS};
 
 constexpr const char *FDISK_CMD = "echo -e \"d\no\nn\np\n1\n\n\nw\" | fdisk /dev/mmcblk0";
 constexpr const char *MKFS_CMD = "mkfs.vfat /dev/mmcblk0p1";
@@ -213,6 +214,11 @@ int get_install_status()
     return g_instatll_status;
 }
 
+void set_install_status(int status)
+{
+    g_instatll_status = status;
+}
+
 int post_install_sem()
 {
     return sem_post(install_sem());
@@ -288,6 +294,8 @@ int do_pkg_install(struct validation_thrd_arg *thrd_data, artifact_desc_t *art_l
         struct stat st;
         if (cpy_files_2_emmc(art_list, art_count) != 0) {
             puts("cpy_files_2_emmc faild");
+        } else if (check_signed_copies(plat_path("/mnt/emmc/").c_str(), art_list, art_count) != 0) {
+            // reported; the microcontroller is left alone
         } else if ((thrd_data->swu_reson & SWU_REASON_KEEP_MCU) == 0 &&
                    stat(plat_path("/mnt/emmc/st.bin").c_str(), &st) == 0) {
             // The front end scans its options as a command line does, so it

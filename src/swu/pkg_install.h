@@ -3,7 +3,7 @@
 // card, checks every copy by its MD5 digest and has the supervisor
 // microcontroller reprogrammed from the card's "st.bin".
 //
-// The thread publishes its progress in g_instatll_status and waits twice on
+// The thread publishes its progress as the install status and waits twice on
 // g_install_sync_sem: once for the go-ahead after a successful check, once
 // more after its final verdict, so that the state machine has seen the
 // verdict before the thread ends. The verdict stays until the next run
@@ -31,8 +31,6 @@ enum install_status {
     INSTALL_STT_INSTALL_FAILURE = 7,
 };
 
-// Written by the installation thread only, read by the state machine.
-extern std::atomic<int> g_instatll_status;
 // Paces the installation thread. Post it only through post_install_sem(),
 // which makes it ready on first use.
 extern sem_t g_install_sync_sem;
@@ -82,8 +80,11 @@ int do_pkg_validation(const char *path, pkg_metadata_t *pkg_data);
 // acknowledgement. Always returns null.
 void *pkg_install_thrd_proc(void *arg);
 
-// The install status as last published.
+// The install status as last published. pkg_install.cpp owns it; the
+// installation thread publishes its progress, and the verification state
+// clears it before it starts a thread.
 int get_install_status();
+void set_install_status(int status);
 
 // One signal to the installation thread; sem_post's result.
 int post_install_sem();
@@ -98,6 +99,11 @@ int list_pkg_content(artifact_desc_t **art_list, uint32_t *art_count);
 // SWU_REASON_KEEP_MCU), and release the card. 0 or -1.
 int do_pkg_install(struct validation_thrd_arg *thrd_data, artifact_desc_t *art_list,
                    uint32_t art_count);
+
+// With a trusted key: checks the copies of `art_list` in `dir` (the card)
+// against the signed manifest the package was accepted with, and removes
+// them all when one differs. 0 when they match, and always without a key.
+int check_signed_copies(const char *dir, const artifact_desc_t *art_list, uint32_t art_count);
 
 // Re-partitions and re-formats the card; everything on it is lost.
 void do_emmc_recovery();

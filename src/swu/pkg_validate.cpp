@@ -5,6 +5,7 @@
 #include "lib/sys/unique_fd.h"
 #include "platform/platform.h"
 #include "sign/manifest.h"
+#include "swu/self_adv.h"
 
 #include <cerrno>
 #include <cstdio>
@@ -28,9 +29,21 @@ constexpr char UNZIP_CMD[] = "tar -o -xzf %s -C %s";
 // With this public key in place the terminal installs signed packages only.
 constexpr char TRUSTED_KEY_FILE[] = "/etc/swu/trusted.pub";
 
+// The manifest the package in the staging directory was accepted with; the
+// card's copies are checked against it, not against the staged files, which
+// may have changed since. Used by the installation thread only.
+struct accepted_manifest {
+    bool valid = false;
+    std::string text, sig;
+    std::vector<uint8_t> pk;
+} g_accepted;
+
+// Anything at the key's path (a dangling link or a link loop included) asks
+// for signed packages: signing must never fall silently open.
 bool signing_required()
 {
-    return access(plat_path(TRUSTED_KEY_FILE).c_str(), F_OK) == 0;
+    struct stat st;
+    return lstat(plat_path(TRUSTED_KEY_FILE).c_str(), &st) == 0 || errno != ENOENT;
 }
 
 // Removes from the staging directory everything but the regular files at its
@@ -38,10 +51,8 @@ bool signing_required()
 // this package's members be written through it, outside the directory (tar
 // follows a link that is already on disk). Leftover names that can never be
 // artifacts go too, so they can't block later packages. The regular files
-// stay: they count as artifacts of this run; unless `everything` goes, so
-// that a signed package's check sees its own artifacts alone. False when
-// something stayed.
-bool purge_staging(const std::string &staging, bool everything)
+// stay: they count as artifacts of this run. False when something stayed.
+bool purge_staging(const std::string &staging)
 {
     DIR *dir = opendir(staging.c_str());
     if (dir == nullptr)
@@ -51,7 +62,7 @@ bool purge_staging(const std::string &staging, bool everything)
         if (strcmp(ent->d_name, ".") == 0 || strcmp(ent->d_name, "..") == 0)
             continue;
         struct stat st;
-        if (!everything && fstatat(dirfd(dir), ent->d_name, &st, AT_SYMLINK_NOFOLLOW) == 0 &&
+        if (fstatat(dirfd(dir), ent->d_name, &st, AT_SYMLINK_NOFOLLOW) == 0 &&
             S_ISREG(st.st_mode) && strlen(ent->d_name) < ARTIFACT_NAME_SIZE)
             continue;
         doomed.push_back(staging + ent->d_name);
@@ -67,6 +78,30 @@ bool purge_staging(const std::string &staging, bool everything)
         }
     }
     return purged;
+}
+
+// With signing on the staging directory is made afresh for each package and
+// owned by the service: whatever was at its path goes (a link itself, never
+// its target), and a directory only the service can write takes its place.
+// /tmp is sticky, so nobody else can swap it afterwards. 0 or -1.
+int own_staging(const std::string &staging)
+{
+    const std::string dir = staging.substr(0, staging.find_last_not_of('/') + 1);
+    std::error_code ec; // remove_all removes a link itself, never its target
+    std::filesystem::remove_all(dir, ec);
+    if (ec) {
+        printf("can't remove %s: %s\n", dir.c_str(), ec.message().c_str());
+        return -1;
+    }
+    if (mkdir(dir.c_str(), 0700) != 0)
+        return -1;
+    unique_fd fd(open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+    struct stat st;
+    if (!fd.valid() || fstat(fd.get(), &st) != 0 || st.st_uid != geteuid()) {
+        errno = EPERM;
+        return -1;
+    }
+    return 0;
 }
 
 } // namespace
@@ -119,7 +154,7 @@ int check_pkg_crc(const char *path, pkg_metadata_t *pkg_data)
     }
     if (extract_footer(pkg_data, fd.get(), st.st_size) != 0) {
         perror("invalid footer");
-        g_instatll_status = INSTALL_STT_CRC_ERROR;
+        set_install_status(INSTALL_STT_CRC_ERROR);
         return -1;
     }
 
@@ -128,12 +163,12 @@ int check_pkg_crc(const char *path, pkg_metadata_t *pkg_data)
     uint64_t payload_size = static_cast<uint64_t>(st.st_size) - PKG_FOOTER_SIZE;
     if (pkg_crc_fd(fd.get(), payload_size, &crc) != 0) {
         perror("read failed");
-        g_instatll_status = INSTALL_STT_CRC_ERROR;
+        set_install_status(INSTALL_STT_CRC_ERROR);
     } else if (crc == pkg_data->crc) {
         printf("[success] extracted metadata crc: %u | calculated truncated pkg crc "
                "%u..............\n",
                pkg_data->crc, crc);
-        g_instatll_status = INSTALL_STT_CRC_OK;
+        set_install_status(INSTALL_STT_CRC_OK);
         result = 0;
     } else {
         printf("[failure] extracted metadata crc: %u | calculated truncated pkg crc "
@@ -141,7 +176,7 @@ int check_pkg_crc(const char *path, pkg_metadata_t *pkg_data)
                pkg_data->crc, crc);
         fflush(stdout);
         perror("invalid crc");
-        g_instatll_status = INSTALL_STT_CRC_ERROR;
+        set_install_status(INSTALL_STT_CRC_ERROR);
     }
     return result;
 }
@@ -150,14 +185,21 @@ int do_extract_pkg(const char *path)
 {
     SWU_ASSERT(path != nullptr);
     std::string staging = plat_path("/tmp/pkg/");
-    struct stat st;
-    if (stat(staging.c_str(), &st) != 0 && mkdir(staging.c_str(), 0777) != 0) {
-        perror("mkdir faild....\n");
-        return -1;
-    }
-    if (!purge_staging(staging, signing_required())) {
-        perror("extract cmd failed");
-        return -1;
+    if (signing_required()) {
+        if (own_staging(staging) != 0) {
+            perror("mkdir faild....\n");
+            return -1;
+        }
+    } else {
+        struct stat st;
+        if (stat(staging.c_str(), &st) != 0 && mkdir(staging.c_str(), 0777) != 0) {
+            perror("mkdir faild....\n");
+            return -1;
+        }
+        if (!purge_staging(staging)) {
+            perror("extract cmd failed");
+            return -1;
+        }
     }
 
     // The package path and the staging directory are quoted, so no name
@@ -182,21 +224,37 @@ namespace
 {
 
 // The unpacked package against its signed manifest, when the terminal holds a
-// trusted key; before anything touches the card or the microcontroller.
+// trusted key; before anything touches the card or the microcontroller. A
+// package older than the installed version needs a manifest signed as a
+// downgrade, so that an old signed package can't be replayed.
 bool signature_accepted()
 {
+    g_accepted = accepted_manifest{};
     if (!signing_required())
         return true;
-    std::vector<uint8_t> pk;
+    accepted_manifest m;
     std::string why;
-    if (sign_read_key(plat_path(TRUSTED_KEY_FILE), SIGN_PUBLIC_KEY_SIZE, &pk, &why) == 0 &&
-        manifest_check_dir(plat_path("/tmp/pkg"), pk, &why) == 0) {
-        printf("package signature verified\n");
-        return true;
+    if (sign_read_key(plat_path(TRUSTED_KEY_FILE), SIGN_PUBLIC_KEY_SIZE, &m.pk, &why) != 0 ||
+        manifest_check_dir(plat_path("/tmp/pkg"), m.pk, &why, &m.text, &m.sig) != 0) {
+        printf("package refused, signature check failed: %s\n", why.c_str());
+        fflush(stdout);
+        return false;
     }
-    printf("package refused, signature check failed: %s\n", why.c_str());
-    fflush(stdout);
-    return false;
+    const manifest_package package = manifest_package_of(m.text);
+    uint16_t installed[3] = {0, 0, 0};
+    get_curr_ver(installed, 3);
+    if (!manifest_allows(package, installed)) {
+        printf("package refused: version %u.%u.%u is older than the installed %u.%u.%u and not "
+               "signed as a downgrade\n",
+               package.version[0], package.version[1], package.version[2], installed[0],
+               installed[1], installed[2]);
+        fflush(stdout);
+        return false;
+    }
+    printf("package signature verified\n");
+    m.valid = true;
+    g_accepted = m;
+    return true;
 }
 
 } // namespace
@@ -206,9 +264,30 @@ int do_pkg_validation(const char *path, pkg_metadata_t *pkg_data)
     if (check_pkg_crc(path, pkg_data) != 0)
         return -1;
     if (do_extract_pkg(path) == 0 && signature_accepted()) {
-        g_instatll_status = INSTALL_STT_ARTIFACT_OK;
+        set_install_status(INSTALL_STT_ARTIFACT_OK);
         return 0;
     }
-    g_instatll_status = INSTALL_STT_ARTIFACT_ERROR;
+    set_install_status(INSTALL_STT_ARTIFACT_ERROR);
+    return -1;
+}
+
+int check_signed_copies(const char *dir, const artifact_desc_t *art_list, uint32_t art_count)
+{
+    SWU_ASSERT(dir != nullptr);
+    if (!g_accepted.valid && !signing_required())
+        return 0;
+    std::vector<std::string> names;
+    for (uint32_t i = 0; i < art_count; i++)
+        names.emplace_back(art_list[i].fname, art_list[i].fname_len);
+    std::string why = "no accepted manifest";
+    if (g_accepted.valid &&
+        manifest_check_files(dir, names, g_accepted.text, g_accepted.sig, g_accepted.pk, &why) == 0)
+        return 0;
+    printf("installation refused, the card's copy differs from the signed package: %s\n",
+           why.c_str());
+    fflush(stdout);
+    // Not one byte that failed the check stays on the card.
+    for (const std::string &name : names)
+        unlink((std::string(dir) + "/" + name).c_str());
     return -1;
 }

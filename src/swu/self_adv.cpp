@@ -66,6 +66,13 @@ int ini_parser_callback(void *arg, const char *section, const char *name, const 
     return 1;
 }
 
+uint16_t get_conf_ver()
+{
+    return 505;
+}
+
+} // namespace
+
 int get_curr_ver(uint16_t *curr_version, int size)
 {
     SWU_ASSERT(curr_version != NULL);
@@ -97,13 +104,6 @@ int get_curr_ver(uint16_t *curr_version, int size)
     free(text);
     return 0;
 }
-
-uint16_t get_conf_ver()
-{
-    return 505;
-}
-
-} // namespace
 
 void self_adv_build(self_adv_t *adv)
 {

@@ -6,6 +6,7 @@
 #include "swu/conn_handlers.h"
 #include "swu/install_handlers.h"
 #include "swu/pkg_file.h"
+#include "swu/sim_failures.h"
 #include "swu/status.h"
 
 #include <cstdio>
@@ -33,16 +34,15 @@ void send_to_stream_port(ilq_desc_t *q, msg_t *rsp)
 bool simulated_refusal()
 {
     struct sim {
-        int *armed;
+        sim_failure failure;
         uint8_t status_code;
     };
-    const sim order[] = {{&g_invalid_pkg_name, SWU_STAGE_CODE_INVL_STREAM_REQ},
-                         {&g_invalid_pkg_name_len, SWU_STAGE_CODE_INVL_STREAM_REQ},
-                         {&g_invalid_pkg_size, SWU_STAGE_CODE_INVL_STREAM_REQ},
-                         {&g_malloc_failure, SWU_STAGE_CODE_MEM_ALLOC_FAILURE}};
+    const sim order[] = {{SIM_INVALID_PKG_NAME, SWU_STAGE_CODE_INVL_STREAM_REQ},
+                         {SIM_INVALID_PKG_NAME_LEN, SWU_STAGE_CODE_INVL_STREAM_REQ},
+                         {SIM_INVALID_PKG_SIZE, SWU_STAGE_CODE_INVL_STREAM_REQ},
+                         {SIM_MALLOC_FAILURE, SWU_STAGE_CODE_MEM_ALLOC_FAILURE}};
     for (const sim &s : order) {
-        if (*s.armed) {
-            (*s.armed)--;
+        if (sim_failure_take(s.failure)) {
             set_status_code(s.status_code);
             return true;
         }
@@ -199,8 +199,7 @@ uint8_t do_stream_end(ilq_desc_t *q, uint64_t *pkt_counter, char **pkg_file)
     const bool mapped = *pkg_file != nullptr;
     pkg_file_close(pkg_file);
 
-    if (g_set_stream_failure) {
-        g_set_stream_failure = 0;
+    if (sim_failure_take(SIM_STREAM_FAILURE)) {
         printf("simulate incompleate packge, expected: %u, received: %llu\n", g_expected_n_pkts,
                static_cast<unsigned long long>(*pkt_counter));
         set_status_code(SWU_STAGE_CODE_MISSING_PCKTS);

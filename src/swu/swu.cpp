@@ -5,6 +5,7 @@
 #include "lib/sys/swu_assert.h"
 #include "swu/pkg_install.h"
 #include "swu/self_adv.h"
+#include "swu/sim_failures.h"
 #include "swu/sys-api.h"
 
 #include <algorithm>
@@ -22,11 +23,6 @@
 
 std::atomic<int> g_to_exit{0};
 std::atomic<long> g_swu_reson{0};
-int g_set_stream_failure = 0;
-int g_invalid_pkg_name = 0;
-int g_invalid_pkg_name_len = 0;
-int g_invalid_pkg_size = 0;
-int g_malloc_failure = 0;
 
 namespace
 {
@@ -81,19 +77,19 @@ void swu_parse_options(int argc, char **argv)
     while ((opt = getopt(argc, argv, "R:SFLZM")) != -1) {
         switch (opt) {
         case 'S':
-            g_set_stream_failure = 1;
+            sim_failure_arm(SIM_STREAM_FAILURE);
             break;
         case 'F':
-            g_invalid_pkg_name = 1;
+            sim_failure_arm(SIM_INVALID_PKG_NAME);
             break;
         case 'L':
-            g_invalid_pkg_name_len = 1;
+            sim_failure_arm(SIM_INVALID_PKG_NAME_LEN);
             break;
         case 'Z':
-            g_invalid_pkg_size = 1;
+            sim_failure_arm(SIM_INVALID_PKG_SIZE);
             break;
         case 'M':
-            g_malloc_failure = 1;
+            sim_failure_arm(SIM_MALLOC_FAILURE);
             break;
         case 'R':
             g_swu_reson = strtol(optarg, nullptr, 16);

@@ -99,13 +99,6 @@ extern std::atomic<int> g_to_exit;
 // Update-mode reason bits (1 update requested, 2 error boot, 4 keep the
 // microcontroller's firmware).
 extern std::atomic<long> g_swu_reson;
-// Simulated failures, switched on by the command line, each used once.
-extern int g_set_stream_failure;
-extern int g_invalid_pkg_name;
-extern int g_invalid_pkg_name_len;
-extern int g_invalid_pkg_size;
-extern int g_malloc_failure;
-
 // Parses the command line ("R:SFLZM"). Unknown options and a missing -R value
 // print the usage text and end the process with status 1. A reason given with
 // -R replaces the one swu_init reads from the registers.

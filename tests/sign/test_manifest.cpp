@@ -2,6 +2,7 @@
 #include "sign/manifest.h"
 #include "support/sim_root.h"
 
+#include <algorithm>
 #include <gtest/gtest.h>
 
 namespace
@@ -26,9 +27,9 @@ TEST(Manifest, AdmitsExactlyWhatWasSignedByTheTrustedKey)
     ASSERT_EQ(sign_read_key(dir.path("k.pub"), SIGN_PUBLIC_KEY_SIZE, &pk, &err), 0) << err;
 
     const std::vector<manifest_entry> signed_files = {entry("b c.bin", "b"), entry("a.bin", "a")};
-    const std::string text = manifest_text(signed_files);
-    EXPECT_EQ(text, entry("a.bin", "a").sha256 + " 1 a.bin\n" + entry("b c.bin", "b").sha256 +
-                        " 1 b c.bin\n");
+    const std::string text = manifest_text(signed_files, {{1, 20, 3}, false});
+    EXPECT_EQ(text, "version 1.20.3\n" + entry("a.bin", "a").sha256 + " 1 a.bin\n" +
+                        entry("b c.bin", "b").sha256 + " 1 b c.bin\n");
     const std::string sig = manifest_sign(text, sk);
     const struct {
         const char *name;
@@ -61,7 +62,43 @@ TEST(Manifest, AdmitsExactlyWhatWasSignedByTheTrustedKey)
     EXPECT_EQ(why, "the package is unsigned");
     dir.write(std::string("pkg/") + MANIFEST_ARTIFACT, text);
     dir.write(std::string("pkg/") + MANIFEST_SIG_ARTIFACT, sig);
-    EXPECT_EQ(manifest_check_dir(dir.path("pkg"), pk, &why), 0) << why;
+    std::string read_text, read_sig;
+    EXPECT_EQ(manifest_check_dir(dir.path("pkg"), pk, &why, &read_text, &read_sig), 0) << why;
+    EXPECT_EQ(read_text, text);
+    EXPECT_EQ(read_sig, sig);
+
+    // Copies made later are checked against the manifest read before.
+    EXPECT_EQ(manifest_check_files(dir.path("pkg"), {"a.bin", "b c.bin"}, text, sig, pk, &why), 0)
+        << why;
+    dir.write("pkg/a.bin", "A");
+    EXPECT_NE(manifest_check_files(dir.path("pkg"), {"a.bin", "b c.bin"}, text, sig, pk, &why), 0);
+    EXPECT_EQ(why, "artifact 'a.bin' differs from the manifest");
+    EXPECT_NE(manifest_check_files(dir.path("pkg"), {"gone"}, text, sig, pk, &why), 0);
+    EXPECT_EQ(why, "artifact 'gone' cannot be read");
+}
+
+TEST(Manifest, StatesThePackagesVersionAndWhetherItMayReplaceANewerOne)
+{
+    const uint16_t installed[3] = {2, 1, 0};
+    const struct {
+        manifest_package package;
+        bool allowed;
+    } cases[] = {
+        {{{2, 1, 0}, false}, true},  {{{2, 1, 1}, false}, true},  {{{3, 0, 0}, false}, true},
+        {{{2, 0, 9}, false}, false}, {{{1, 9, 9}, false}, false}, {{{0, 0, 0}, false}, false},
+        {{{1, 0, 0}, true}, true},
+    };
+    for (const auto &c : cases) {
+        const manifest_package read = manifest_package_of(manifest_text({}, c.package));
+        EXPECT_TRUE(std::equal(read.version, read.version + 3, c.package.version));
+        EXPECT_EQ(read.downgrade, c.package.downgrade);
+        EXPECT_EQ(manifest_allows(read, installed), c.allowed)
+            << read.version[0] << "." << read.version[1] << "." << read.version[2];
+    }
+    // A manifest without package lines is as old as can be.
+    const manifest_package bare = manifest_package_of("");
+    EXPECT_FALSE(manifest_allows(bare, installed));
+    EXPECT_FALSE(bare.downgrade);
 }
 
 } // namespace

@@ -8,6 +8,7 @@
 #include "swu/install_handlers.h"
 #include "swu/pkg_file.h"
 #include "swu/pkg_install.h"
+#include "swu/sim_failures.h"
 #include "swu/status.h"
 #include "swu/stream_handlers.h"
 #include "swu/swu.h"
@@ -107,15 +108,14 @@ class swu_harness
     {
         g_to_exit = 0;
         g_swu_reson = 0;
-        g_set_stream_failure = g_invalid_pkg_name = g_invalid_pkg_name_len = 0;
-        g_invalid_pkg_size = g_malloc_failure = 0;
+        sim_failures_clear();
         memset(&g_connected_client_addr, 0, sizeof(g_connected_client_addr));
         g_connected_client_stream_port = 0;
         char *no_map = nullptr;
         stream_release(&no_map);
         memset(g_pkg_name, 0, sizeof(g_pkg_name));
         g_pkt_counter = seg_sequential_counter = finish_state_start_time = 0;
-        g_instatll_status = INSTALL_STT_IN_PROGRESS;
+        set_install_status(INSTALL_STT_IN_PROGRESS);
         set_status_code(SWU_STAGE_CODE_OK);
         set_stage_code(SM_STATE_IDLE);
         unset_connection_status();

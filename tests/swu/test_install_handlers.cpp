@@ -37,7 +37,7 @@ TEST_F(InstallHandlers, VerifyAndUpgradeFollowTheThreadsVerdicts)
                                                              : std::vector(upgrade, upgrade + 3)) {
             SCOPED_TRACE(testing::Message() << int(state) << "/" << c.install_status);
             h.ctx.instatll_thrd_fd = pthread_t(1);
-            g_instatll_status = c.install_status;
+            set_install_status(c.install_status);
             testing::internal::CaptureStdout();
             EXPECT_EQ(h.run(state, dgram::hdr(STATUS_REQST)), c.event);
             bool done_line = testing::internal::GetCapturedStdout().find(
@@ -66,7 +66,7 @@ TEST_F(InstallHandlers, TimeOutInVerifyGivesWayToTheChecksVerdict)
 {
     h.session_age(6);
     EXPECT_EQ(h.run(SM_STATE_VERIFY), SM_EVNT_INT_TIMEOUT);
-    g_instatll_status = INSTALL_STT_ARTIFACT_OK;
+    set_install_status(INSTALL_STT_ARTIFACT_OK);
     EXPECT_EQ(h.run(SM_STATE_VERIFY), SM_EVNT_INT_PKG_VERIEFIED);
     EXPECT_EQ(h.take_install_signals(), 3) << "one per time-out, one go-ahead";
 }

@@ -2,6 +2,7 @@
 // go-ahead after a passed check, the acknowledgement after the verdict.
 #include "pkg_fixture.h"
 #include "sign/manifest.h"
+#include "support/process.h"
 #include "support/stm32_sim.h"
 
 #include <chrono>
@@ -51,7 +52,7 @@ install_result run_install(
     CaptureStderr();
     // As the verification state does: the last run's verdict stays until
     // the next run starts.
-    g_instatll_status = INSTALL_STT_IN_PROGRESS;
+    set_install_status(INSTALL_STT_IN_PROGRESS);
     pthread_t thread;
     EXPECT_EQ(pthread_create(&thread, nullptr, pkg_install_thrd_proc, &arg), 0);
     int verdict = wait_for_status(
@@ -222,7 +223,7 @@ TEST(PkgInstall, ARunStartsWithNoVerdictAndWithoutEarlierSignals)
     PkgSim sim;
     // A package that can't be opened publishes no verdict; the thread then
     // waits for a signal, and the status must not show an earlier run's.
-    g_instatll_status = INSTALL_STT_INSTALL_FAILURE;
+    set_install_status(INSTALL_STT_INSTALL_FAILURE);
     char missing[] = "missing.swu";
     validation_thrd_arg arg = {missing, 1, 99};
     CaptureStderr();
@@ -271,19 +272,34 @@ TEST(PkgInstall, WithATrustedKeyOnlyAPackageSignedByItReachesTheCard)
 {
     const std::vector<pack_member> artifacts = {file_member("app.bin", "new app"),
                                                 file_member("st.bin", "image")};
+    using root_fn = std::function<void(const SimRoot &)>;
+    const root_fn trust_k = [](const SimRoot &r) {
+        r.write("etc/swu/trusted.pub", r.read("k.pub"));
+    };
+    // Anything at the key's path asks for a signature.
+    const auto link_key = [](const char *to) {
+        return [to](const SimRoot &r) { fs::create_symlink(to, r.path("etc/swu/trusted.pub")); };
+    };
+    const auto unsign = [](std::vector<pack_member> *m) { m->resize(2); };
     const struct {
         const char *name;
         std::function<void(std::vector<pack_member> *)> spoil; // after signing
         const char *key;                                       // signed with
+        root_fn trust;                                         // what the key's path holds
         std::string why;                                       // "": installed
     } cases[] = {
-        {"signed", [](std::vector<pack_member> *) {}, "k", ""},
-        {"unsigned", [](std::vector<pack_member> *m) { m->resize(2); }, "k", "unsigned"},
-        {"tampered", [](std::vector<pack_member> *m) { (*m)[0].data = "evil app"; }, "k",
+        {"signed", [](std::vector<pack_member> *) {}, "k", trust_k, ""},
+        {"unsigned", unsign, "k", trust_k, "unsigned"},
+        {"tampered", [](std::vector<pack_member> *m) { (*m)[0].data = "evil app"; }, "k", trust_k,
          "'app.bin' differs"},
         {"extra", [](std::vector<pack_member> *m) { m->push_back(file_member("x.sh", "rm")); }, "k",
-         "'x.sh' is not in the manifest"},
-        {"wrong key", [](std::vector<pack_member> *) {}, "other", "does not verify"},
+         trust_k, "'x.sh' is not in the manifest"},
+        {"wrong key", [](std::vector<pack_member> *) {}, "other", trust_k, "does not verify"},
+        {"dangling key link", unsign, "k", link_key("missing.pub"), "cannot read the key"},
+        {"key link loop", unsign, "k", link_key("trusted.pub"), "cannot read the key"},
+        {"no key in the file", unsign, "k",
+         [](const SimRoot &r) { r.write("etc/swu/trusted.pub", "not a key\n"); },
+         "does not hold a key"},
     };
     for (const auto &c : cases) {
         SCOPED_TRACE(c.name);
@@ -291,12 +307,13 @@ TEST(PkgInstall, WithATrustedKeyOnlyAPackageSignedByItReachesTheCard)
         std::string err;
         ASSERT_EQ(sign_keygen(sim.root.path("k"), &err), 0) << err;
         ASSERT_EQ(sign_keygen(sim.root.path("other"), &err), 0) << err;
-        sim.root.write("etc/swu/trusted.pub", sim.root.read("k.pub"));
+        sim.root.mkdir("etc/swu");
+        c.trust(sim.root);
         sim.root.write("tmp/pkg/left.bin", "left by an earlier package");
         std::vector<uint8_t> sk;
         ASSERT_EQ(sign_read_key(sim.root.path(c.key), SIGN_SECRET_KEY_SIZE, &sk, &err), 0);
         std::vector<pack_member> members = artifacts;
-        ASSERT_EQ(pack_sign(&members, sk, &err), 0) << err;
+        ASSERT_EQ(pack_sign(&members, sk, false, &err), 0) << err;
         c.spoil(&members);
         sim.pack("pkg.swu", members);
         Stm32Sim mcu(sim.root);
@@ -317,3 +334,112 @@ TEST(PkgInstall, WithATrustedKeyOnlyAPackageSignedByItReachesTheCard)
 }
 
 } // namespace
+
+namespace
+{
+
+// A terminal that trusts the key `k`, which swu-pack made in its root.
+void trust_new_key(const PkgSim &sim)
+{
+    ASSERT_EQ(run_to_end({SWU_BIN_DIR "/swu-pack", "keygen", "k"}, sim.root.dir()).exit_code, 0);
+    sim.root.write("etc/swu/trusted.pub", sim.root.read("k.pub"));
+}
+
+// `pkg` built as a technician types it, with swu-pack signing it by `k`.
+void pack_signed(const PkgSim &sim, const std::string &pkg, std::vector<std::string> options,
+                 const std::vector<std::pair<std::string, std::string>> &artifacts)
+{
+    std::vector<std::string> argv = {SWU_BIN_DIR "/swu-pack", "-o", pkg, "--sign", "k"};
+    argv.insert(argv.end(), options.begin(), options.end());
+    for (const auto &[name, data] : artifacts) {
+        sim.root.write("in/" + name, data);
+        argv.push_back("in/" + name);
+    }
+    run_result r = run_to_end(argv, sim.root.dir());
+    ASSERT_EQ(r.exit_code, 0) << r.out << r.err;
+}
+
+} // namespace
+
+TEST(PkgInstall, WithATrustedKeyTheStagingPathAndTheCardsCopiesAreChecked)
+{
+    PkgSim sim;
+    trust_new_key(sim);
+    pack_signed(sim, "pkg.swu", {}, {{"app.bin", "signed app"}, {"st.bin", "image"}});
+
+    // A link at the staging path is replaced, its target left as it was.
+    sim.root.write("outside/precious", "untouched");
+    fs::create_directory_symlink(sim.root.path("outside"), sim.root.path("tmp/pkg"));
+    Stm32Sim mcu(sim.root);
+    install_result r = run_install("pkg.swu", 1);
+    EXPECT_EQ(r.verdict, INSTALL_STT_INSTALL_COMPLEATE) << r.out << r.err;
+    EXPECT_EQ(sim.root.read("outside/precious"), "untouched");
+    EXPECT_EQ(std::distance(fs::directory_iterator(sim.root.path("outside")), {}), 1);
+    EXPECT_EQ(fs::symlink_status(sim.root.path("tmp/pkg")).type(), fs::file_type::directory);
+    EXPECT_EQ(fs::status(sim.root.path("tmp/pkg")).permissions() & fs::perms::all,
+              fs::perms::owner_all);
+    const size_t erased = mcu.count("application area erased");
+    EXPECT_EQ(erased, 1u) << mcu.log();
+
+    // An artifact swapped after the check, or one added, is caught on the card
+    // before the microcontroller is touched, and does not stay there.
+    for (const char *swap : {"app.bin", "added.sh"}) {
+        SCOPED_TRACE(swap);
+        pack_signed(sim, "again.swu", {}, {{"app.bin", "signed app"}, {"st.bin", "image"}});
+        r = run_install("again.swu", 1,
+                        [&] { sim.root.write(std::string("tmp/pkg/") + swap, "evil"); });
+        EXPECT_EQ(r.verdict, INSTALL_STT_INSTALL_FAILURE) << r.out;
+        EXPECT_EQ(count(r.out, "installation refused, the card's copy differs from the signed "
+                               "package: "),
+                  2u)
+            << "both attempts";
+        EXPECT_TRUE(fs::is_empty(sim.root.path("dev/mmcblk0p1"))) << "left on the card";
+        EXPECT_EQ(mcu.count("application area erased"), erased)
+            << "the microcontroller was touched";
+    }
+}
+
+TEST(PkgInstall, ASignedPackageOlderThanTheCardsNeedsADowngradeSignature)
+{
+    const struct {
+        const char *version; // of the package's version file; null: none
+        bool downgrade;
+        bool installed;
+    } cases[] = {
+        {"2.0.0", false, true},  {"2.0.1", false, true}, {"1.9.9", false, false},
+        {nullptr, false, false}, {"1.9.9", true, true},
+    };
+    for (const auto &c : cases) {
+        SCOPED_TRACE(std::string(c.version ? c.version : "none") +
+                     (c.downgrade ? " downgrade" : ""));
+        PkgSim sim;
+        trust_new_key(sim);
+        sim.root.write("dev/mmcblk0p1/pkg_ver.txt", "[pkg_data]\nversion=2.0.0\n");
+        std::vector<std::pair<std::string, std::string>> artifacts = {{"app.bin", "app"}};
+        if (c.version != nullptr)
+            artifacts.push_back({"pkg_ver.txt", std::string("[pkg_data]\nversion=") + c.version});
+        pack_signed(sim, "pkg.swu",
+                    c.downgrade ? std::vector<std::string>{"--downgrade"}
+                                : std::vector<std::string>{},
+                    artifacts);
+        install_result r = run_install("pkg.swu", 1);
+        if (c.installed) {
+            EXPECT_EQ(r.verdict, INSTALL_STT_INSTALL_COMPLEATE) << r.out;
+            EXPECT_EQ(sim.root.read("dev/mmcblk0p1/app.bin"), "app");
+            continue;
+        }
+        EXPECT_EQ(r.verdict, INSTALL_STT_ARTIFACT_ERROR) << r.out;
+        EXPECT_THAT(r.out, HasSubstr(std::string("package refused: version ") +
+                                     (c.version ? c.version : "0.0.0") +
+                                     " is older than the installed 2.0.0 and not signed as a "
+                                     "downgrade\n"));
+        EXPECT_FALSE(sim.root.exists("dev/mmcblk0p1/app.bin"));
+    }
+    // Only a signed package can say it is a downgrade.
+    PkgSim sim;
+    sim.root.write("in/app.bin", "app");
+    run_result r = run_to_end({SWU_BIN_DIR "/swu-pack", "-o", "p.swu", "--downgrade", "in/app.bin"},
+                              sim.root.dir());
+    EXPECT_NE(r.exit_code, 0);
+    EXPECT_THAT(r.out + r.err, HasSubstr("--downgrade requires --sign"));
+}

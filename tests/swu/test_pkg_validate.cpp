@@ -112,7 +112,7 @@ TEST(PkgValidate, EveryFailureIsReportedAndPublished)
         c.arrange(fresh);
         intmax_t before =
             fs::exists("pkg.swu") ? static_cast<intmax_t>(fs::file_size("pkg.swu")) : 0;
-        g_instatll_status = INSTALL_STT_INSTALLING;
+        set_install_status(INSTALL_STT_INSTALLING);
         pkg_metadata_t meta;
         CaptureStdout();
         CaptureStderr();

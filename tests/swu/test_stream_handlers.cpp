@@ -50,34 +50,34 @@ TEST_F(StreamHandlers, StreamRequestIsCheckedBeforeTheFileIsCreated)
     const struct {
         const char *name;
         byte_vec datagram;
-        int *sim_switch;
+        int sim_switch;      // a sim_failure, or -1
         uint8_t status_code; // 0: accepted
     } cases[] = {
-        {"plain name", dgram::stream_req(3000, "pkg_1.0-2.tar.gz"), nullptr, 0},
-        {"largest package", dgram::stream_req(629145600, "big"), nullptr, 0},
-        {"empty package", dgram::stream_req(0, "empty"), nullptr, 0},
-        {"99 characters", dgram::stream_req(10, n99), nullptr, 0},
-        {"one byte too large", dgram::stream_req(629145601, "big"), nullptr, 1},
-        {"100 characters", dgram::stream_req(10, n100), nullptr, 1},
-        {"slash", dgram::stream_req(10, "a/b"), nullptr, 1},
-        {"space", dgram::stream_req(10, "a b"), nullptr, 1},
-        {"empty name", dgram::stream_req(10, ""), nullptr, 1},
-        {"fname_len one short", dgram::stream_req(10, "abcd", 3), nullptr, 1},
-        {"fname_len one long", dgram::stream_req(10, "abcd", 5), nullptr, 1},
-        {"cut before fname_len", dgram::cut(dgram::stream_req(10, ""), 10), nullptr, 1},
-        {"file can't be created", dgram::stream_req(10, "blocked"), nullptr, 4},
-        {"-F", dgram::stream_req(10, "ok"), &g_invalid_pkg_name, 1},
-        {"-L", dgram::stream_req(10, "ok"), &g_invalid_pkg_name_len, 1},
-        {"-Z", dgram::stream_req(10, "ok"), &g_invalid_pkg_size, 1},
-        {"-M", dgram::stream_req(10, "ok"), &g_malloc_failure, 3},
+        {"plain name", dgram::stream_req(3000, "pkg_1.0-2.tar.gz"), -1, 0},
+        {"largest package", dgram::stream_req(629145600, "big"), -1, 0},
+        {"empty package", dgram::stream_req(0, "empty"), -1, 0},
+        {"99 characters", dgram::stream_req(10, n99), -1, 0},
+        {"one byte too large", dgram::stream_req(629145601, "big"), -1, 1},
+        {"100 characters", dgram::stream_req(10, n100), -1, 1},
+        {"slash", dgram::stream_req(10, "a/b"), -1, 1},
+        {"space", dgram::stream_req(10, "a b"), -1, 1},
+        {"empty name", dgram::stream_req(10, ""), -1, 1},
+        {"fname_len one short", dgram::stream_req(10, "abcd", 3), -1, 1},
+        {"fname_len one long", dgram::stream_req(10, "abcd", 5), -1, 1},
+        {"cut before fname_len", dgram::cut(dgram::stream_req(10, ""), 10), -1, 1},
+        {"file can't be created", dgram::stream_req(10, "blocked"), -1, 4},
+        {"-F", dgram::stream_req(10, "ok"), SIM_INVALID_PKG_NAME, 1},
+        {"-L", dgram::stream_req(10, "ok"), SIM_INVALID_PKG_NAME_LEN, 1},
+        {"-Z", dgram::stream_req(10, "ok"), SIM_INVALID_PKG_SIZE, 1},
+        {"-M", dgram::stream_req(10, "ok"), SIM_MALLOC_FAILURE, 3},
     };
     for (const auto &c : cases) {
         SCOPED_TRACE(c.name);
         release_pkg_file(&h.ctx.pkg_file);
         set_status_code(SWU_STAGE_CODE_OK);
         set_stage_complete();
-        if (c.sim_switch != nullptr)
-            *c.sim_switch = 1;
+        if (c.sim_switch >= 0)
+            sim_failure_arm(static_cast<sim_failure>(c.sim_switch));
         EXPECT_EQ(h.run(SM_STATE_CONNECT, c.datagram),
                   c.status_code == 0 ? SM_EVNT_EXT_STREAM_REQ : SM_EVNT_INT_ERROR);
         EXPECT_EQ(g_status_code, c.status_code);
@@ -91,7 +91,7 @@ TEST_F(StreamHandlers, StreamRequestIsCheckedBeforeTheFileIsCreated)
             EXPECT_EQ(g_expected_n_pkts, (g_pkg_size + 1451) / 1452);
             EXPECT_EQ(g_stage_complete, 0);
         }
-        if (c.sim_switch != nullptr) {
+        if (c.sim_switch >= 0) {
             EXPECT_EQ(request(10, "ok"), SM_EVNT_EXT_STREAM_REQ) << "only one request fails";
         }
     }
@@ -202,14 +202,14 @@ TEST_F(StreamHandlers, StreamEndWithNothingMappedFailsTheStreamOnly)
 
 TEST_F(StreamHandlers, SimulatedStreamFailureKeepsTheCompleteFileOnce)
 {
-    g_set_stream_failure = 1;
+    sim_failure_arm(SIM_STREAM_FAILURE);
     ASSERT_EQ(request(), SM_EVNT_EXT_STREAM_REQ);
     for (uint64_t seg : {1, 2, 3})
         h.run(SM_STATE_STREAM, packet(seg));
     EXPECT_EQ(h.run(SM_STATE_STREAM, dgram::hdr(FILE_STREAM_END)), SM_EVNT_INT_ERROR);
     EXPECT_EQ(g_status_code, SWU_STAGE_CODE_MISSING_PCKTS);
     EXPECT_TRUE(std::filesystem::exists("pkg.bin"));
-    EXPECT_EQ(g_set_stream_failure, 0);
+    EXPECT_FALSE(sim_failure_armed(SIM_STREAM_FAILURE));
 }
 
 TEST_F(StreamHandlers, RequestAfterAnAcknowledgedErrorReplacesTheUnfinishedStream)

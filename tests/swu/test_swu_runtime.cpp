@@ -32,9 +32,8 @@ TEST(SwuOptions, SwitchesAndReason)
     parse({"swu", "-S", "-F", "-L", "-Z", "-M", "-R", "0x3", "extra"});
     EXPECT_EQ(testing::internal::GetCapturedStdout(), "swu reson: 0x3\n");
     EXPECT_EQ(g_swu_reson, 3);
-    EXPECT_EQ(g_set_stream_failure + g_invalid_pkg_name + g_invalid_pkg_name_len +
-                  g_invalid_pkg_size + g_malloc_failure,
-              5);
+    for (int f = 0; f < SIM_FAILURE_COUNT; f++)
+        EXPECT_TRUE(sim_failure_armed(static_cast<sim_failure>(f))) << f;
     swu_harness::reset_globals();
 }
 

@@ -18,7 +18,7 @@ TEST(SwuVerify, EachPackageGetsACheckOfItsOwn)
     strcpy(g_pkg_name, "garbage.pkg");
     for (int round = 0; round < 2; round++) {
         SCOPED_TRACE(round);
-        g_instatll_status = INSTALL_STT_ARTIFACT_OK; // a verdict left from before
+        set_install_status(INSTALL_STT_ARTIFACT_OK); // a verdict left from before
         uint8_t event = SM_EVNT_NO_EVENT;
         for (int i = 0; i < 500 && event == SM_EVNT_NO_EVENT; i++) {
             h.session_age(0);

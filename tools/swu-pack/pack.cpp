@@ -14,7 +14,9 @@
 #include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
+#include <fstream>
 #include <functional>
+#include <iterator>
 #include <map>
 #include <memory>
 #include <sodium.h>
@@ -540,15 +542,19 @@ std::string pack_version_text(const pack_version &v)
     return std::to_string(v.v[0]) + "." + std::to_string(v.v[1]) + "." + std::to_string(v.v[2]);
 }
 
-int pack_sign(std::vector<pack_member> *members, const std::vector<uint8_t> &sk, std::string *err)
+int pack_sign(std::vector<pack_member> *members, const std::vector<uint8_t> &sk, bool downgrade,
+              std::string *err)
 {
     std::vector<manifest_entry> entries;
+    manifest_package package;
+    package.downgrade = downgrade;
     for (const pack_member &m : *members) {
         if (m.kind != PACK_FILE) {
             *err = "only regular files can be signed";
             return -1;
         }
         manifest_entry e{m.name, m.data.size(), sign_sha256(m.data.data(), m.data.size())};
+        std::string text = m.data;
         if (!m.source.empty()) {
             struct stat st;
             if (stat(m.source.c_str(), &st) != 0) {
@@ -557,12 +563,23 @@ int pack_sign(std::vector<pack_member> *members, const std::vector<uint8_t> &sk,
             }
             e.size = static_cast<uint64_t>(st.st_size);
             e.sha256 = sign_file_sha256(m.source);
+            if (m.name == VERSION_ARTIFACT) {
+                std::ifstream in(m.source, std::ios::binary);
+                text.assign(std::istreambuf_iterator<char>(in), {});
+            }
+        }
+        // The manifest states the version the terminal will read from the
+        // package's version file, so that the terminal can refuse an old one.
+        std::string version;
+        if (m.name == VERSION_ARTIFACT && version_key(text, &version)) {
+            pack_version v = pack_parse_version(version);
+            std::copy(v.v, v.v + 3, package.version);
         }
         entries.push_back(e);
     }
     pack_member manifest, sig;
     manifest.name = MANIFEST_ARTIFACT;
-    manifest.data = manifest_text(entries);
+    manifest.data = manifest_text(entries, package);
     sig.name = MANIFEST_SIG_ARTIFACT;
     sig.data = manifest_sign(manifest.data, sk);
     if (sig.data.empty()) {

@@ -92,8 +92,11 @@ int pack_write(const std::string &out_path, const std::vector<pack_member> &memb
                uint32_t bitmask, uint64_t max_size, std::string *err);
 
 // Adds the signed manifest of `members` (regular files) to them, signed with
-// the secret key `sk`. 0, or -1 with the reason in *err.
-int pack_sign(std::vector<pack_member> *members, const std::vector<uint8_t> &sk, std::string *err);
+// the secret key `sk`. It states the version of the version file among them
+// (0.0.0 without one), and with `downgrade` lets a terminal that holds a newer
+// version install it. 0, or -1 with the reason in *err.
+int pack_sign(std::vector<pack_member> *members, const std::vector<uint8_t> &sk, bool downgrade,
+              std::string *err);
 
 // Checks the footer CRC of the package at `path` without changing it, lists
 // the archive's members and reads its version file and microcontroller image. 0 when the CRC

@@ -1,6 +1,6 @@
 // swu-pack: builds an update package for the terminal, or checks one.
 //
-//   swu-pack -o FILE [--bitmask N] [--force] [--sign KEY] ARTIFACT...
+//   swu-pack -o FILE [--bitmask N] [--force] [--sign KEY [--downgrade]] ARTIFACT...
 //   swu-pack verify FILE [--key KEY.pub]
 //   swu-pack keygen KEY
 //
@@ -54,7 +54,7 @@ int report(const std::vector<pack_finding> &findings, bool force)
 }
 
 int build(const std::string &out, uint32_t bitmask, const std::vector<std::string> &artifacts,
-          bool force, const std::string &sign_key)
+          bool force, const std::string &sign_key, bool downgrade)
 {
     std::vector<pack_member> members;
     std::vector<pack_listed> listing;
@@ -78,7 +78,7 @@ int build(const std::string &out, uint32_t bitmask, const std::vector<std::strin
     if (!sign_key.empty()) {
         std::vector<uint8_t> sk;
         if (sign_read_key(sign_key, SIGN_SECRET_KEY_SIZE, &sk, &err) != 0 ||
-            pack_sign(&members, sk, &err) != 0)
+            pack_sign(&members, sk, downgrade, &err) != 0)
             return fail(err);
     }
     if (pack_write(out, members, bitmask, PKG_MAX_SIZE, &err) != 0)
@@ -134,8 +134,12 @@ int run(int argc, char **argv)
     app.add_option("artifacts", artifacts, "Regular files to pack, stored under their base names");
     bool force = false;
     std::string sign_key;
-    app.add_option("--sign", sign_key,
-                   "Secret key (swu-pack keygen) to sign the package's manifest with");
+    CLI::Option *sign_opt = app.add_option(
+        "--sign", sign_key, "Secret key (swu-pack keygen) to sign the package's manifest with");
+    bool downgrade = false;
+    app.add_flag("--downgrade", downgrade,
+                 "Sign the package as a downgrade: a terminal with a newer version installs it")
+        ->needs(sign_opt);
     app.add_flag("--force", force,
                  "Pack artifacts that would harm the terminal (names its card can't hold, an "
                  "empty or oversized st.bin)");
@@ -174,7 +178,7 @@ int run(int argc, char **argv)
         return fail("no package file given (-o FILE)\n" + app.help());
     if (artifacts.empty())
         return fail("no artifacts given");
-    return build(out, bitmask, artifacts, force, sign_key);
+    return build(out, bitmask, artifacts, force, sign_key, downgrade);
 }
 
 int main(int argc, char **argv)
