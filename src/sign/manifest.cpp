@@ -270,6 +270,16 @@ int manifest_check_files(const std::string &dir, const std::vector<std::string> 
 {
     std::vector<manifest_entry> files;
     for (const std::string &name : names) {
+        // The manifest's own copies must be the manifest that verified.
+        if (name == MANIFEST_ARTIFACT || name == MANIFEST_SIG_ARTIFACT) {
+            std::string copy;
+            if (!read_file(dir + "/" + name, &copy, 1 << 20) ||
+                copy != (name == MANIFEST_ARTIFACT ? text : sig)) {
+                *why = "artifact '" + name + "' differs from the manifest";
+                return -1;
+            }
+            continue;
+        }
         manifest_entry e{name, 0, ""};
         if (!file_digest(dir + "/" + name, &e.size, &e.sha256)) {
             *why = "artifact '" + name + "' cannot be read";

@@ -65,7 +65,8 @@ int manifest_check(const std::string &text, const std::string &sig, const std::v
 int manifest_check_dir(const std::string &dir, const std::vector<uint8_t> &pk, std::string *why,
                        std::string *text = nullptr, std::string *sig = nullptr);
 // The same for the files `names` in `dir`, checked against a manifest read
-// before (copies of a package's artifacts, made after its check).
+// before (copies of a package's artifacts, made after its check); copies of
+// the manifest and its signature must equal `text` and `sig`.
 int manifest_check_files(const std::string &dir, const std::vector<std::string> &names,
                          const std::string &text, const std::string &sig,
                          const std::vector<uint8_t> &pk, std::string *why);

@@ -75,6 +75,9 @@ TEST(Manifest, AdmitsExactlyWhatWasSignedByTheTrustedKey)
     EXPECT_EQ(why, "artifact 'a.bin' differs from the manifest");
     EXPECT_NE(manifest_check_files(dir.path("pkg"), {"gone"}, text, sig, pk, &why), 0);
     EXPECT_EQ(why, "artifact 'gone' cannot be read");
+    dir.write(std::string("pkg/") + MANIFEST_ARTIFACT, text + "\n");
+    EXPECT_NE(manifest_check_files(dir.path("pkg"), {MANIFEST_ARTIFACT}, text, sig, pk, &why), 0);
+    EXPECT_NE(why.find("'swu-manifest' differs"), std::string::npos) << why;
 }
 
 TEST(Manifest, StatesThePackagesVersionAndWhetherItMayReplaceANewerOne)
