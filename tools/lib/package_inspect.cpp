@@ -1,0 +1,275 @@
+#include "lib/package_inspect.h"
+
+#include "lib/sys/crc.h"
+#include "lib/sys/unique_fd.h"
+#include "proto/package.h"
+
+#include <algorithm>
+#include <archive.h>
+#include <archive_entry.h>
+#include <cctype>
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <fcntl.h>
+#include <memory>
+#include <sodium.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace
+{
+
+struct archive_in {
+    int fd;
+    uint64_t offset; // next payload byte to hand out
+    uint64_t end;    // the payload's size
+    uint8_t buf[65536];
+};
+
+la_ssize_t read_in(struct archive *a, void *client, const void **buf)
+{
+    auto *in = static_cast<archive_in *>(client);
+    uint64_t left = in->end - in->offset;
+    size_t want = left < sizeof in->buf ? static_cast<size_t>(left) : sizeof in->buf;
+    ssize_t n;
+    do {
+        n = pread(in->fd, in->buf, want, static_cast<off_t>(in->offset));
+    } while (n < 0 && errno == EINTR);
+    if (n < 0) {
+        archive_set_error(a, errno, "read failed: %s", strerror(errno));
+        return -1;
+    }
+    in->offset += static_cast<uint64_t>(n);
+    *buf = in->buf;
+    return n;
+}
+
+using archive_ptr = std::unique_ptr<struct archive, int (*)(struct archive *)>;
+
+// What the reading keeps of a regular member's data.
+struct member_data {
+    std::string sha256;
+    uint32_t crc = 0;
+    std::string text; // of a version file or manifest
+};
+
+std::string last_part(const std::string &name)
+{
+    std::string path = name;
+    while (!path.empty() && path.back() == '/')
+        path.pop_back();
+    size_t slash = path.rfind('/');
+    return slash == std::string::npos ? path : path.substr(slash + 1);
+}
+
+std::string fold_case(std::string name)
+{
+    for (char &c : name)
+        c = static_cast<char>(tolower(static_cast<unsigned char>(c)));
+    return name;
+}
+
+pack_kind kind_of(struct archive_entry *entry)
+{
+    if (archive_entry_hardlink(entry) != nullptr)
+        return PACK_HARDLINK;
+    switch (archive_entry_filetype(entry)) {
+    case AE_IFREG:
+        return PACK_FILE;
+    case AE_IFDIR:
+        return PACK_DIR;
+    case AE_IFLNK:
+        return PACK_SYMLINK;
+    default:
+        return PACK_OTHER;
+    }
+}
+
+// Hashes the current member's data. 0, or -1 when it can't be read.
+int read_data(struct archive *a, bool keep_text, member_data *d)
+{
+    crypto_hash_sha256_state sha;
+    crypto_hash_sha256_init(&sha);
+    uint8_t chunk[16384];
+    for (;;) {
+        la_ssize_t n = archive_read_data(a, chunk, sizeof chunk);
+        if (n < 0)
+            return -1;
+        if (n == 0)
+            break;
+        crypto_hash_sha256_update(&sha, chunk, static_cast<size_t>(n));
+        d->crc = crc32_std(d->crc, chunk, static_cast<size_t>(n));
+        if (keep_text && d->text.size() < PACK_TEXT_MAX)
+            d->text.append(reinterpret_cast<const char *>(chunk),
+                           std::min(static_cast<size_t>(n), PACK_TEXT_MAX - d->text.size()));
+    }
+    uint8_t hash[crypto_hash_sha256_BYTES];
+    crypto_hash_sha256_final(&sha, hash);
+    char hex[2 * sizeof hash + 1];
+    sodium_bin2hex(hex, sizeof hex, hash, sizeof hash);
+    d->sha256 = hex;
+    return 0;
+}
+
+// Lists the members of the archive in the payload, with the data of the
+// regular ones, as far as the judge's limits allow. ARCHIVE_EOF when it read
+// to the end; otherwise *why says what went wrong, or stays empty when a
+// member is beyond the limits.
+int read_members(int fd, uint64_t payload, pack_report *report, std::vector<member_data> *data,
+                 std::string *why)
+{
+    auto in = std::make_unique<archive_in>();
+    in->fd = fd;
+    in->offset = 0;
+    in->end = payload;
+    archive_ptr a(archive_read_new(), archive_read_free);
+    // The terminal unpacks with "tar -xzf": only gzip-compressed tar counts.
+    archive_read_support_filter_gzip(a.get());
+    archive_read_support_format_tar(a.get());
+    int r = archive_read_open(a.get(), in.get(), nullptr, read_in, nullptr);
+    uint64_t unpacked = 0;
+    struct archive_entry *entry;
+    while (r == ARCHIVE_OK) {
+        r = archive_read_next_header(a.get(), &entry);
+        if (r == ARCHIVE_WARN)
+            r = ARCHIVE_OK; // a name libarchive could not convert is still read as bytes
+        if (r != ARCHIVE_OK)
+            break;
+        const char *name = archive_entry_pathname(entry);
+        const char *link = archive_entry_hardlink(entry);
+        if (link == nullptr)
+            link = archive_entry_symlink(entry);
+        pack_listed m{name != nullptr ? name : "", kind_of(entry), archive_entry_size(entry),
+                      link != nullptr ? link : "", archive_entry_sparse_count(entry) > 0};
+        report->members.push_back(m);
+        data->emplace_back();
+        // The limits come before the data, so nothing is unpacked beyond them.
+        unpacked += 512 + (m.kind == PACK_FILE && m.size > 0 ? static_cast<uint64_t>(m.size) : 0);
+        if (m.sparse || unpacked > PACK_UNPACKED_MAX)
+            return ARCHIVE_FATAL; // *why stays empty: the judge names the member
+
+        if (m.kind != PACK_FILE)
+            continue;
+        const std::string base = last_part(m.name);
+        const bool keep = fold_case(base) == VERSION_ARTIFACT || base == MANIFEST_ARTIFACT ||
+                          base == MANIFEST_SIG_ARTIFACT;
+        if (read_data(a.get(), keep, &data->back()) != 0) {
+            r = ARCHIVE_FATAL;
+            break;
+        }
+    }
+    if (r != ARCHIVE_EOF || archive_filter_code(a.get(), 0) != ARCHIVE_FILTER_GZIP) {
+        const char *err = archive_error_string(a.get());
+        *why = std::string("the payload is not a complete gzip-compressed tar archive: ") +
+               (err != nullptr ? err : "not gzip");
+        return r == ARCHIVE_EOF ? ARCHIVE_FATAL : r;
+    }
+    return ARCHIVE_EOF;
+}
+
+// The installed artifacts' figures from the data of their members.
+void take_artifacts(const std::vector<member_data> &data, pack_report *report)
+{
+    for (const pack_artifact &a : report->judgement.artifacts) {
+        const member_data &d = data[a.member];
+        report->artifacts.push_back({a.name, static_cast<uint64_t>(a.size), d.sha256});
+        const std::string folded = fold_case(a.name);
+        if (folded == VERSION_ARTIFACT) {
+            pkg_version_key key;
+            if (pkg_version_ini_text(d.text, &key) == 0 && key.found) {
+                report->has_version = true;
+                report->version_text = key.value;
+                pkg_version_parse(key.value.c_str(), &report->version);
+            }
+        } else if (folded == MCU_IMAGE_ARTIFACT) {
+            report->has_mcu_image = true;
+            report->mcu_image_size = static_cast<uint64_t>(a.size);
+            report->mcu_image_crc32 = d.crc;
+        } else if (a.name == MANIFEST_ARTIFACT) {
+            report->manifest = d.text;
+        } else if (a.name == MANIFEST_SIG_ARTIFACT) {
+            report->manifest_sig = d.text;
+        }
+    }
+}
+
+} // namespace
+
+bool pack_refused(const pack_report &report)
+{
+    return std::any_of(report.findings.begin(), report.findings.end(),
+                       [](const pack_finding &f) { return f.refuse; });
+}
+
+int pack_verify(const std::string &path, pack_report *report, std::string *err)
+{
+    *report = pack_report{};
+    unique_fd fd(open(path.c_str(), O_RDONLY | O_CLOEXEC));
+    if (!fd.valid()) {
+        *err = "cannot open '" + path + "': " + strerror(errno);
+        report->findings.push_back({true, *err});
+        return -1;
+    }
+    return pack_verify_fd(fd.get(), report, err);
+}
+
+int pack_verify_fd(int fd, pack_report *report, std::string *err)
+{
+    *report = pack_report{};
+    auto refuse = [&](const std::string &why) {
+        *err = why;
+        report->findings.insert(report->findings.begin(), {true, why});
+        return -1;
+    };
+    struct stat st;
+    if (fstat(fd, &st) != 0)
+        return refuse(std::string("cannot examine the package: ") + strerror(errno));
+    report->package_size = static_cast<uint64_t>(st.st_size);
+    if (report->package_size < PKG_FOOTER_SIZE)
+        return refuse("the file has " + std::to_string(st.st_size) +
+                      " bytes, too few for the 12-byte footer");
+    if (report->package_size > PKG_MAX_SIZE)
+        return refuse("the file has " + std::to_string(st.st_size) +
+                      " bytes; the terminal takes at most " + std::to_string(PKG_MAX_SIZE));
+    const uint64_t payload = report->package_size - PKG_FOOTER_SIZE;
+    uint8_t footer[PKG_FOOTER_SIZE];
+    if (pread(fd, footer, sizeof footer, static_cast<off_t>(payload)) !=
+        static_cast<ssize_t>(sizeof footer))
+        return refuse("cannot read the footer");
+    pkg_metadata_t meta;
+    pkg_footer_decode(footer, &meta);
+    report->artifacts_bitmask = meta.artifacts_bitmask;
+    report->footer_crc = meta.crc;
+    report->payload_crc = PKG_CRC_START;
+    if (lseek(fd, 0, SEEK_SET) != 0 || pkg_crc_fd(fd, payload, &report->payload_crc) != 0)
+        return refuse(std::string("cannot read the payload: ") + strerror(errno));
+    if (!sign_init())
+        return refuse("libsodium cannot be used");
+
+    std::vector<member_data> data;
+    std::string unread;
+    const int r = read_members(fd, payload, report, &data, &unread);
+    report->judgement = pack_judge(report->members);
+    report->findings = report->judgement.findings;
+    if (r == ARCHIVE_EOF && !report->judgement.tar_fails)
+        take_artifacts(data, report);
+
+    std::string problems;
+    if (report->payload_crc != report->footer_crc) {
+        char text[128];
+        snprintf(text, sizeof text, "CRC mismatch: the footer says %u, the payload gives %u",
+                 report->footer_crc, report->payload_crc);
+        problems = text;
+    }
+    if (r != ARCHIVE_EOF) {
+        // A member beyond the limits is the judge's to name.
+        const bool limited = unread.empty() && !report->findings.empty();
+        problems += (problems.empty() ? "" : "; ") + (limited ? report->findings[0].text : unread);
+        if (limited)
+            report->findings.erase(report->findings.begin());
+    }
+    if (!problems.empty())
+        return refuse(problems);
+    return 0;
+}
