@@ -7,7 +7,6 @@
 #include <algorithm>
 #include <archive.h>
 #include <archive_entry.h>
-#include <cctype>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
@@ -61,13 +60,6 @@ std::string last_part(const std::string &name)
         path.pop_back();
     size_t slash = path.rfind('/');
     return slash == std::string::npos ? path : path.substr(slash + 1);
-}
-
-std::string fold_case(std::string name)
-{
-    for (char &c : name)
-        c = static_cast<char>(tolower(static_cast<unsigned char>(c)));
-    return name;
 }
 
 pack_kind kind_of(struct archive_entry *entry)
@@ -152,7 +144,7 @@ int read_members(int fd, uint64_t payload, pack_report *report, std::vector<memb
         if (m.kind != PACK_FILE)
             continue;
         const std::string base = last_part(m.name);
-        const bool keep = fold_case(base) == VERSION_ARTIFACT || base == MANIFEST_ARTIFACT ||
+        const bool keep = pack_fold_case(base) == VERSION_ARTIFACT || base == MANIFEST_ARTIFACT ||
                           base == MANIFEST_SIG_ARTIFACT;
         if (read_data(a.get(), keep, &data->back()) != 0) {
             r = ARCHIVE_FATAL;
@@ -174,7 +166,7 @@ void take_artifacts(const std::vector<member_data> &data, pack_report *report)
     for (const pack_artifact &a : report->judgement.artifacts) {
         const member_data &d = data[a.member];
         report->artifacts.push_back({a.name, static_cast<uint64_t>(a.size), d.sha256});
-        const std::string folded = fold_case(a.name);
+        const std::string folded = pack_fold_case(a.name);
         if (folded == VERSION_ARTIFACT) {
             pkg_version_key key;
             if (pkg_version_ini_text(d.text, &key) == 0 && key.found) {

@@ -75,14 +75,6 @@ std::string shown_name(const std::string &name)
     return shown;
 }
 
-// FAT ignores case.
-std::string fold_case(std::string name)
-{
-    for (char &c : name)
-        c = static_cast<char>(tolower(static_cast<unsigned char>(c)));
-    return name;
-}
-
 // The staging directory as the members leave it. Each operation fails as the
 // system call BusyBox tar makes would, with the reason in why_.
 class staging
@@ -250,8 +242,9 @@ std::string replay(const std::vector<pack_listed> &members, staging *dir,
         }
         if (parts.size() > 1)
             dir->make_dirs({parts.begin(), parts.end() - 1});
-        // A hard link to itself is passed over rather than removed.
-        if (m.kind == PACK_HARDLINK && m.link == m.name)
+        // A hard link to its own (stripped) name is passed over rather than
+        // removed.
+        if (m.kind == PACK_HARDLINK && m.link == strip_unsafe_prefix(m.name))
             continue;
         if (!dir->unlink_old(parts))
             return failed(i, "can't remove the old");
@@ -336,7 +329,7 @@ void judge_artifacts(const std::vector<pack_artifact> &artifacts, std::vector<pa
             found->push_back({true, "artifact " + shown + ": " + problem});
             continue;
         }
-        const std::string folded = fold_case(a.name);
+        const std::string folded = pack_fold_case(a.name);
         auto [it, added] = folded_names.emplace(folded, a.name);
         if (!added)
             found->push_back({true, "artifacts '" + printable(it->second) + "' and " + shown +
@@ -403,6 +396,13 @@ const char *pack_kind_name(pack_kind kind)
         return "special file";
     }
     return "?";
+}
+
+std::string pack_fold_case(std::string name)
+{
+    for (char &c : name)
+        c = static_cast<char>(tolower(static_cast<unsigned char>(c)));
+    return name;
 }
 
 std::string pack_name_problem(const std::string &name)

@@ -67,6 +67,9 @@ inline constexpr uint64_t PACK_UNPACKED_MAX = PKG_MAX_SIZE;
 // terminator, and the card's FAT file system must be able to hold it as is.
 std::string pack_name_problem(const std::string &name);
 
+// `name` as the card's FAT file system compares it: without case.
+std::string pack_fold_case(std::string name);
+
 // Replays `members` as the terminal's tar extracts them and judges the
 // result. A failed installation makes the terminal re-partition and
 // re-format its card, and an empty microcontroller image is found only after

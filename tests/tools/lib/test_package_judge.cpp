@@ -105,7 +105,7 @@ std::map<std::string, int64_t> regular_files(const std::string &dir)
 {
     std::map<std::string, int64_t> found;
     for (const auto &e : fs::directory_iterator(dir))
-        if (e.is_regular_file() && !e.is_symlink())
+        if (e.symlink_status().type() == fs::file_type::regular)
             found[e.path().filename().string()] = static_cast<int64_t>(e.file_size());
     return found;
 }
@@ -149,16 +149,19 @@ TEST(PackJudge, SeesWhatBusyBoxTarPutsInTheStagingDirectory)
 {
     const std::string st(1000, 's');
     const std::string longname(150, 'L');
+    const std::string longest(ARTIFACT_NAME_MAX_LEN, 'n');
     struct row {
         const char *what;
         std::vector<spec> members;
         const char *finding; // of the first refusal, or "" when the package passes
         int format = ARCHIVE_FORMAT_TAR_PAX_RESTRICTED;
     } const rows[] = {
-        {"plain files", {file("app.bin", "app"), file("st.bin", st)}, ""},
+        {"plain files", {file("app.bin", "app"), file("st.bin", st), file(longest, "x")}, ""},
         {"leading slash stripped", {file("/st.bin", "")}, "'st.bin' is empty"},
         {"./ prefixes", {dir("./"), file("./st.bin", ""), file(".//a", "a")}, "'st.bin' is empty"},
-        {"up-level prefix stripped", {file("x/../st.bin", "")}, "'st.bin' is empty"},
+        {"up-level prefixes stripped",
+         {file("../a", "a"), file("x/../st.bin", "")},
+         "'st.bin' is empty"},
         {"'..' refused by tar", {file("..", "x")}, "tar fails"},
         {"later duplicate replaces", {file("st.bin", st), file("st.bin", "")}, "'st.bin' is empty"},
         {"later duplicate mends", {file("st.bin", ""), file("st.bin", st)}, ""},
@@ -173,6 +176,13 @@ TEST(PackJudge, SeesWhatBusyBoxTarPutsInTheStagingDirectory)
         {"file in the way of a hard link",
          {file("a", st), hard("st.bin", "a"), file("st.bin", st)},
          "tar fails"},
+        {"hard link to itself passed over",
+         {file("st.bin", ""), hard("/st.bin", "st.bin")},
+         "'st.bin' is empty"},
+        {"hard link through a link",
+         {sym("d", "."), file("a", ""), hard("st.bin", "d/a")},
+         "'st.bin' is empty"},
+        {"links in a loop", {sym("d", "e"), sym("e", "d"), file("d/st.bin", st)}, "tar fails"},
         {"hard link to nothing", {hard("st.bin", "missing"), file("b", "b")}, "tar fails"},
         {"hard link to an absolute path", {file("a", st), hard("st.bin", "/a")}, "tar fails"},
         {"symbolic link replaced by a file",
