@@ -137,7 +137,7 @@ int read_members(int fd, uint64_t payload, pack_report *report, std::vector<memb
         report->members.push_back(m);
         data->emplace_back();
         // The limits come before the data, so nothing is unpacked beyond them.
-        unpacked += 512 + (m.kind == PACK_FILE && m.size > 0 ? static_cast<uint64_t>(m.size) : 0);
+        unpacked += pack_member_bytes(m);
         if (m.sparse || unpacked > PACK_UNPACKED_MAX)
             return ARCHIVE_FATAL; // *why stays empty: the judge names the member
 

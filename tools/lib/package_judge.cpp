@@ -306,8 +306,7 @@ void judge_sizes(const std::vector<pack_listed> &members, std::vector<pack_findi
                                         "unpack"});
             return;
         }
-        // Each member takes a 512-byte header besides its data.
-        total += 512 + (m.kind == PACK_FILE && m.size > 0 ? static_cast<uint64_t>(m.size) : 0);
+        total += pack_member_bytes(m);
         if (total > PACK_UNPACKED_MAX) {
             found->push_back({true, "the archive unpacks to more than " +
                                         std::to_string(PACK_UNPACKED_MAX) +
@@ -396,6 +395,11 @@ const char *pack_kind_name(pack_kind kind)
         return "special file";
     }
     return "?";
+}
+
+uint64_t pack_member_bytes(const pack_listed &m)
+{
+    return 512 + (m.size > 0 ? static_cast<uint64_t>(m.size) : 0);
 }
 
 std::string pack_fold_case(std::string name)

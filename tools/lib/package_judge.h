@@ -62,6 +62,10 @@ struct pack_judgement {
 // are sized for the largest package the terminal takes.
 inline constexpr uint64_t PACK_UNPACKED_MAX = PKG_MAX_SIZE;
 
+// What a member takes of the unpacked archive: its 512-byte header and the
+// data its header declares, whatever its kind.
+uint64_t pack_member_bytes(const pack_listed &m);
+
 // Why the terminal could not install an artifact of this name, or "" when it
 // can: the name must fit the terminal's 128-byte name field with its
 // terminator, and the card's FAT file system must be able to hold it as is.
