@@ -10,8 +10,9 @@
 namespace
 {
 
-// Links deeper than this fail as the kernel's ELOOP does.
-constexpr int LINK_DEPTH_MAX = 40;
+// A path whose resolution follows more links than this fails as the
+// kernel's does (ELOOP).
+constexpr int LINK_FOLLOW_MAX = 40;
 
 struct node;
 using node_ptr = std::shared_ptr<node>;
@@ -86,39 +87,10 @@ class staging
     const std::string &why() const { return why_; }
 
     // The entry `parts` names, the last one followed when it is a link.
-    node_ptr lookup(node *from, const std::vector<std::string> &parts, bool follow_last,
-                    int depth = 0)
+    node_ptr lookup(node *from, const std::vector<std::string> &parts, bool follow_last)
     {
-        if (depth > LINK_DEPTH_MAX)
-            return fail("too many levels of symbolic links");
-        node_ptr at = from->shared_from_this();
-        for (size_t i = 0; i < parts.size(); i++) {
-            const std::string &part = parts[i];
-            const bool last = i + 1 == parts.size();
-            if (at->kind != PACK_DIR)
-                return fail("not a directory");
-            if (part == ".")
-                continue;
-            if (part == "..") {
-                if (at->parent == nullptr)
-                    return fail("outside the staging directory");
-                at = at->parent->shared_from_this();
-                continue;
-            }
-            auto it = at->entries.find(part);
-            if (it == at->entries.end())
-                return fail("no such file or directory");
-            node_ptr next = it->second;
-            if (next->kind == PACK_SYMLINK && (!last || follow_last)) {
-                if (next->target.empty() || next->target[0] == '/')
-                    return fail("a link out of the staging directory");
-                next = lookup(at.get(), split(next->target), true, depth + 1);
-                if (next == nullptr)
-                    return nullptr;
-            }
-            at = next;
-        }
-        return at;
+        links_followed_ = 0;
+        return walk(from, parts, follow_last);
     }
 
     // mkdir -p, stopping quietly where it can't go on, as tar does for the
@@ -203,6 +175,42 @@ class staging
     }
 
   private:
+    // As the kernel resolves a path: every link followed on the way counts
+    // toward one limit.
+    node_ptr walk(node *from, const std::vector<std::string> &parts, bool follow_last)
+    {
+        node_ptr at = from->shared_from_this();
+        for (size_t i = 0; i < parts.size(); i++) {
+            const std::string &part = parts[i];
+            const bool last = i + 1 == parts.size();
+            if (at->kind != PACK_DIR)
+                return fail("not a directory");
+            if (part == ".")
+                continue;
+            if (part == "..") {
+                if (at->parent == nullptr)
+                    return fail("outside the staging directory");
+                at = at->parent->shared_from_this();
+                continue;
+            }
+            auto it = at->entries.find(part);
+            if (it == at->entries.end())
+                return fail("no such file or directory");
+            node_ptr next = it->second;
+            if (next->kind == PACK_SYMLINK && (!last || follow_last)) {
+                if (++links_followed_ > LINK_FOLLOW_MAX)
+                    return fail("too many levels of symbolic links");
+                if (next->target.empty() || next->target[0] == '/')
+                    return fail("a link out of the staging directory");
+                next = walk(at.get(), split(next->target), true);
+                if (next == nullptr)
+                    return nullptr;
+            }
+            at = next;
+        }
+        return at;
+    }
+
     node_ptr fail(const char *why)
     {
         why_ = why;
@@ -211,6 +219,7 @@ class staging
 
     node_ptr top_;
     std::string why_;
+    int links_followed_ = 0;
 };
 
 struct deferred_link {
