@@ -150,6 +150,9 @@ TEST(PackJudge, SeesWhatBusyBoxTarPutsInTheStagingDirectory)
     const std::string st(1000, 's');
     const std::string longname(150, 'L');
     const std::string longest(ARTIFACT_NAME_MAX_LEN, 'n');
+    std::string a39 = "a"; // with the link holding it, 40 links to follow
+    for (int i = 1; i < 39; i++)
+        a39 += "/a";
     struct row {
         const char *what;
         std::vector<spec> members;
@@ -183,6 +186,12 @@ TEST(PackJudge, SeesWhatBusyBoxTarPutsInTheStagingDirectory)
          {sym("d", "."), file("a", ""), hard("st.bin", "d/a")},
          "'st.bin' is empty"},
         {"links in a loop", {sym("d", "e"), sym("e", "d"), file("d/st.bin", st)}, "tar fails"},
+        {"40 links on one path",
+         {sym("a", "."), sym("b", a39), file("b/st.bin", "")},
+         "'st.bin' is empty"},
+        {"41 links on one path",
+         {sym("a", "."), sym("b", a39 + "/a"), file("b/st.bin", st)},
+         "tar fails"},
         {"hard link to nothing", {hard("st.bin", "missing"), file("b", "b")}, "tar fails"},
         {"hard link to an absolute path", {file("a", st), hard("st.bin", "/a")}, "tar fails"},
         {"symbolic link replaced by a file",
