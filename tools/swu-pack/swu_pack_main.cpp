@@ -9,6 +9,7 @@
 // and an st.bin its microcontroller can take (--force overrides the last
 // two). verify prints the report "swu-client check" prints, and refuses what
 // the packer would.
+#include "common/printable.h"
 #include "lib/package_report.h"
 #include "lib/package_sign.h"
 #include "proto/package.h"
@@ -68,6 +69,10 @@ int build(const std::string &out, uint32_t bitmask, const std::vector<std::strin
         m.name = base_name(path);
         if (m.name == "." || m.name == "..")
             return fail("artifact '" + path + "' has no file name");
+        // On the terminal the later one would replace the earlier.
+        for (const pack_member &earlier : members)
+            if (earlier.name == m.name)
+                return fail("two artifacts named '" + printable(m.name) + "'");
         m.source = path;
         members.push_back(m);
         listing.push_back({m.name, PACK_FILE, st.st_size, "", false});

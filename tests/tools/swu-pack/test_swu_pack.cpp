@@ -1,5 +1,4 @@
 // swu-pack builds what the terminal can install, and nothing else.
-#include "lib/package_write.h"
 #include "proto/package.h"
 #include "support/process.h"
 #include "support/sim_root.h"
@@ -13,7 +12,6 @@ namespace
 {
 
 using testing::HasSubstr;
-namespace fs = std::filesystem;
 
 const std::string TOOL = SWU_BIN_DIR "/swu-pack";
 
@@ -114,31 +112,15 @@ TEST(SwuPack, RefusesAHarmfulPackageUnlessForcedAndVerifiesAsItPacks)
     EXPECT_THAT(swu_pack(dir, {"-o", dir.path("x.swu"), dir.path("in/directory")}).output,
                 HasSubstr("is not a regular file"));
     EXPECT_THAT(swu_pack(dir, {dir.path("in/st.bin")}).output, HasSubstr("no package file given"));
+    dir.write("in/sub/st.bin", "x");
+    EXPECT_THAT(
+        swu_pack(dir, {"-o", dir.path("x.swu"), dir.path("in/st.bin"), dir.path("in/sub/st.bin")})
+            .output,
+        HasSubstr("two artifacts named 'st.bin'"));
     dir.write("tiny.swu", "0123456789A");
     tool_run tiny = swu_pack(dir, {"verify", dir.path("tiny.swu")});
     EXPECT_EQ(tiny.status, 1);
     EXPECT_THAT(tiny.output, HasSubstr("too few for the 12-byte footer"));
-}
-
-TEST(SwuPack, ThePackageSizeLimitHoldsToTheByte)
-{
-    SimRoot dir;
-    std::string noise;
-    for (uint32_t x = 1, i = 0; i < 100000; i++) {
-        x = x * 1103515245 + 12345;
-        noise.push_back(static_cast<char>(x >> 16));
-    }
-    pack_member m;
-    m.name = "noise.bin";
-    m.data = noise;
-    std::string err;
-    EXPECT_EQ(pack_write(dir.path("big.swu"), {m}, 0, 50000, &err), -1);
-    EXPECT_THAT(err, HasSubstr("the package would exceed 50000 bytes"));
-    EXPECT_FALSE(dir.exists("big.swu"));
-    ASSERT_EQ(pack_write(dir.path("big.swu"), {m}, 0, PKG_MAX_SIZE, &err), 0) << err;
-    // A package of exactly the limit is written.
-    EXPECT_EQ(pack_write(dir.path("big.swu"), {m}, 0, fs::file_size(dir.path("big.swu")), &err), 0)
-        << err;
 }
 
 } // namespace
