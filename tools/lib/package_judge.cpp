@@ -13,6 +13,8 @@ namespace
 // A path whose resolution follows more links than this fails as the
 // kernel's does (ELOOP).
 constexpr int LINK_FOLLOW_MAX = 40;
+// The longest name of one directory entry.
+constexpr size_t NAME_MAX_BYTES = 255;
 
 struct node;
 using node_ptr = std::shared_ptr<node>;
@@ -99,6 +101,8 @@ class staging
     {
         node *at = top();
         for (const std::string &part : parts) {
+            if (part.size() > NAME_MAX_BYTES)
+                return;
             if (part == ".")
                 continue;
             if (part == "..") {
@@ -131,6 +135,10 @@ class staging
             return nullptr;
         }
         *last = parts.back();
+        if (last->size() > NAME_MAX_BYTES) {
+            fail("file name too long");
+            return nullptr;
+        }
         node_ptr dir =
             lookup(top(), std::vector<std::string>(parts.begin(), parts.end() - 1), true);
         if (dir != nullptr && dir->kind != PACK_DIR)
@@ -185,6 +193,8 @@ class staging
             const bool last = i + 1 == parts.size();
             if (at->kind != PACK_DIR)
                 return fail("not a directory");
+            if (part.size() > NAME_MAX_BYTES)
+                return fail("file name too long");
             if (part == ".")
                 continue;
             if (part == "..") {
