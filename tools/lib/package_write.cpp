@@ -1,5 +1,6 @@
 #include "lib/package_write.h"
 
+#include "common/printable.h"
 #include "lib/sys/unique_fd.h"
 #include "proto/package.h"
 
@@ -167,7 +168,47 @@ int write_package(int fd, const std::vector<pack_member> &members, uint32_t bitm
     return 0;
 }
 
+std::string base_name(const std::string &path)
+{
+    std::string p = path;
+    while (p.size() > 1 && p.back() == '/')
+        p.pop_back();
+    size_t slash = p.find_last_of('/');
+    return slash == std::string::npos ? p : p.substr(slash + 1);
+}
+
 } // namespace
+
+int pack_collect_files(const std::vector<std::string> &paths, std::vector<pack_member> *members,
+                       std::vector<pack_listed> *listing, std::string *err)
+{
+    for (const std::string &path : paths) {
+        struct stat st;
+        if (stat(path.c_str(), &st) != 0) {
+            *err = "cannot read artifact '" + path + "': " + strerror(errno);
+            return -1;
+        }
+        if (!S_ISREG(st.st_mode)) {
+            *err = "artifact '" + path + "' is not a regular file";
+            return -1;
+        }
+        pack_member m;
+        m.name = base_name(path);
+        if (m.name == "." || m.name == "..") {
+            *err = "artifact '" + path + "' has no file name";
+            return -1;
+        }
+        for (const pack_member &earlier : *members)
+            if (earlier.name == m.name) {
+                *err = "two artifacts named '" + printable(m.name) + "'";
+                return -1;
+            }
+        m.source = path;
+        members->push_back(m);
+        listing->push_back({m.name, PACK_FILE, st.st_size, "", false});
+    }
+    return 0;
+}
 
 int pack_write(const std::string &out_path, const std::vector<pack_member> &members,
                uint32_t bitmask, uint64_t max_size, std::string *err)

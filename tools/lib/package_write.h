@@ -20,6 +20,14 @@ struct pack_member {
     std::string link; // target of a link
 };
 
+// The regular files at `paths` as members stored under their base names at
+// the top of the archive, and their listing for the judge. 0, or -1 with the
+// reason in *err: a path that can't be read, is not a regular file or has no
+// file name, or shares its base name with an earlier one (the terminal would
+// keep only the later).
+int pack_collect_files(const std::vector<std::string> &paths, std::vector<pack_member> *members,
+                       std::vector<pack_listed> *listing, std::string *err);
+
 // Writes the archive of `members` and its footer to `out_path`. Fails, with
 // the reason in *err and no file left behind, when a source can't be read, a
 // member is a PACK_OTHER, or the package would exceed `max_size` bytes.

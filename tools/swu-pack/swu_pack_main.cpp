@@ -9,17 +9,13 @@
 // and an st.bin its microcontroller can take (--force overrides the last
 // two). verify prints the report "swu-client check" prints, and refuses what
 // the packer would.
-#include "common/printable.h"
 #include "lib/package_report.h"
 #include "lib/package_sign.h"
 #include "proto/package.h"
 
 #include <CLI/CLI.hpp>
-#include <cerrno>
 #include <cstdio>
-#include <cstring>
 #include <string>
-#include <sys/stat.h>
 #include <vector>
 
 namespace
@@ -29,15 +25,6 @@ int fail(const std::string &message)
 {
     fprintf(stderr, "swu-pack: %s\n", message.c_str());
     return 1;
-}
-
-std::string base_name(const std::string &path)
-{
-    std::string p = path;
-    while (p.size() > 1 && p.back() == '/')
-        p.pop_back();
-    size_t slash = p.find_last_of('/');
-    return slash == std::string::npos ? p : p.substr(slash + 1);
 }
 
 // Prints the findings; 0 when the package may go on (nothing refused, or
@@ -59,27 +46,11 @@ int build(const std::string &out, uint32_t bitmask, const std::vector<std::strin
 {
     std::vector<pack_member> members;
     std::vector<pack_listed> listing;
-    for (const std::string &path : artifacts) {
-        struct stat st;
-        if (stat(path.c_str(), &st) != 0)
-            return fail("cannot read artifact '" + path + "': " + strerror(errno));
-        if (!S_ISREG(st.st_mode))
-            return fail("artifact '" + path + "' is not a regular file");
-        pack_member m;
-        m.name = base_name(path);
-        if (m.name == "." || m.name == "..")
-            return fail("artifact '" + path + "' has no file name");
-        // On the terminal the later one would replace the earlier.
-        for (const pack_member &earlier : members)
-            if (earlier.name == m.name)
-                return fail("two artifacts named '" + printable(m.name) + "'");
-        m.source = path;
-        members.push_back(m);
-        listing.push_back({m.name, PACK_FILE, st.st_size, "", false});
-    }
+    std::string err;
+    if (pack_collect_files(artifacts, &members, &listing, &err) != 0)
+        return fail(err);
     if (report(pack_review(listing), force) != 0)
         return fail("nothing written (--force packs it anyway)");
-    std::string err;
     if (!sign_key.empty()) {
         std::vector<uint8_t> sk;
         if (sign_read_key(sign_key, SIGN_SECRET_KEY_SIZE, &sk, &err) != 0 ||
