@@ -24,32 +24,32 @@ namespace
 using testing::HasSubstr;
 namespace fs = std::filesystem;
 
-struct spec {
+struct tar_member {
     std::string name;
     pack_kind kind = PACK_FILE;
     std::string data; // of a file; the target of a link
     int64_t sparse_size = 0;
 };
 
-spec file(const std::string &name, const std::string &data)
+tar_member file(const std::string &name, const std::string &data)
 {
     return {name, PACK_FILE, data};
 }
-spec dir(const std::string &name)
+tar_member dir(const std::string &name)
 {
     return {name, PACK_DIR, ""};
 }
-spec hard(const std::string &name, const std::string &target)
+tar_member hard(const std::string &name, const std::string &target)
 {
     return {name, PACK_HARDLINK, target};
 }
-spec sym(const std::string &name, const std::string &target)
+tar_member sym(const std::string &name, const std::string &target)
 {
     return {name, PACK_SYMLINK, target};
 }
 
 // A package of `members` written by libarchive in `format`, as odd as asked.
-std::string package(const std::vector<spec> &members,
+std::string package(const std::vector<tar_member> &members,
                     int format = ARCHIVE_FORMAT_TAR_PAX_RESTRICTED)
 {
     std::unique_ptr<struct archive, int (*)(struct archive *)> a(archive_write_new(),
@@ -60,7 +60,7 @@ std::string package(const std::vector<spec> &members,
     archive_write_add_filter_gzip(a.get());
     archive_write_set_bytes_in_last_block(a.get(), 1);
     EXPECT_EQ(archive_write_open_memory(a.get(), buf.data(), buf.size(), &used), ARCHIVE_OK);
-    for (const spec &m : members) {
+    for (const tar_member &m : members) {
         struct archive_entry *e = archive_entry_new();
         archive_entry_set_pathname(e, m.name.c_str());
         archive_entry_set_perm(e, 0644);
@@ -155,7 +155,7 @@ TEST(PackJudge, SeesWhatBusyBoxTarPutsInTheStagingDirectory)
         a39 += "/a";
     struct row {
         const char *what;
-        std::vector<spec> members;
+        std::vector<tar_member> members;
         const char *finding; // of the first refusal, or "" when the package passes
         int format = ARCHIVE_FORMAT_TAR_PAX_RESTRICTED;
     } const rows[] = {
@@ -271,7 +271,7 @@ TEST(PackJudge, ASparseOrHugeMemberIsRefusedAtOnce)
 {
     SimRoot root;
     const auto started = std::chrono::steady_clock::now();
-    spec holes{"holes.bin", PACK_FILE, "", int64_t{1} << 40};
+    tar_member holes{"holes.bin", PACK_FILE, "", int64_t{1} << 40};
     const std::string pkg = package({file("a", "a"), holes}, ARCHIVE_FORMAT_TAR_PAX_RESTRICTED);
     EXPECT_LT(pkg.size(), 1024u);
     judged j = judge(root, pkg);
