@@ -50,7 +50,8 @@ using archive_ptr = std::unique_ptr<struct archive, int (*)(struct archive *)>;
 struct member_data {
     std::string sha256;
     uint32_t crc = 0;
-    std::string text; // of a version file or manifest
+    std::string text;  // of a version file or manifest
+    bool kept = false; // text holds the data
 };
 
 std::string last_part(const std::string &name)
@@ -81,6 +82,7 @@ pack_kind kind_of(struct archive_entry *entry)
 // Hashes the current member's data. 0, or -1 when it can't be read.
 int read_data(struct archive *a, bool keep_text, member_data *d)
 {
+    d->kept = keep_text;
     crypto_hash_sha256_state sha;
     crypto_hash_sha256_init(&sha);
     uint8_t chunk[16384];
@@ -104,6 +106,19 @@ int read_data(struct archive *a, bool keep_text, member_data *d)
     return 0;
 }
 
+// The archive in the payload that `in` hands out, open for reading; null
+// when it can't be.
+archive_ptr open_payload(archive_in *in)
+{
+    archive_ptr a(archive_read_new(), archive_read_free);
+    // The terminal unpacks with "tar -xzf": only gzip-compressed tar counts.
+    archive_read_support_filter_gzip(a.get());
+    archive_read_support_format_tar(a.get());
+    if (archive_read_open(a.get(), in, nullptr, read_in, nullptr) != ARCHIVE_OK)
+        return {nullptr, archive_read_free};
+    return a;
+}
+
 // Lists the members of the archive in the payload, with the data of the
 // regular ones, as far as the judge's limits allow. ARCHIVE_EOF when it read
 // to the end; otherwise *why says what went wrong, or stays empty when a
@@ -111,15 +126,9 @@ int read_data(struct archive *a, bool keep_text, member_data *d)
 int read_members(int fd, uint64_t payload, pack_report *report, std::vector<member_data> *data,
                  std::string *why)
 {
-    auto in = std::make_unique<archive_in>();
-    in->fd = fd;
-    in->offset = 0;
-    in->end = payload;
-    archive_ptr a(archive_read_new(), archive_read_free);
-    // The terminal unpacks with "tar -xzf": only gzip-compressed tar counts.
-    archive_read_support_filter_gzip(a.get());
-    archive_read_support_format_tar(a.get());
-    int r = archive_read_open(a.get(), in.get(), nullptr, read_in, nullptr);
+    auto in = std::make_unique<archive_in>(archive_in{fd, 0, payload, {}});
+    archive_ptr a = open_payload(in.get());
+    int r = a != nullptr ? ARCHIVE_OK : ARCHIVE_FATAL;
     uint64_t unpacked = 0;
     struct archive_entry *entry;
     while (r == ARCHIVE_OK) {
@@ -152,7 +161,7 @@ int read_members(int fd, uint64_t payload, pack_report *report, std::vector<memb
         }
     }
     if (r != ARCHIVE_EOF || archive_filter_code(a.get(), 0) != ARCHIVE_FILTER_GZIP) {
-        const char *err = archive_error_string(a.get());
+        const char *err = a != nullptr ? archive_error_string(a.get()) : nullptr;
         *why = std::string("the payload is not a complete gzip-compressed tar archive: ") +
                (err != nullptr ? err : "not gzip");
         return r == ARCHIVE_EOF ? ARCHIVE_FATAL : r;
@@ -160,9 +169,41 @@ int read_members(int fd, uint64_t payload, pack_report *report, std::vector<memb
     return ARCHIVE_EOF;
 }
 
-// The installed artifacts' figures from the data of their members.
-void take_artifacts(const std::vector<member_data> &data, pack_report *report)
+// Reads again the texts of the members `wanted` (indexes, ascending) that
+// the listing did not keep: a hard link gives an artifact the data of a
+// member of another name.
+void read_texts(int fd, uint64_t payload, const std::vector<size_t> &wanted,
+                std::vector<member_data> *data)
 {
+    if (wanted.empty())
+        return;
+    auto in = std::make_unique<archive_in>(archive_in{fd, 0, payload, {}});
+    archive_ptr a = open_payload(in.get());
+    struct archive_entry *entry;
+    size_t index = 0, next = 0;
+    while (a != nullptr && next < wanted.size()) {
+        int r = archive_read_next_header(a.get(), &entry);
+        if (r != ARCHIVE_OK && r != ARCHIVE_WARN)
+            return;
+        if (index++ == wanted[next] && read_data(a.get(), true, &(*data)[wanted[next++]]) != 0)
+            return;
+    }
+}
+
+// The installed artifacts' figures from the data of their members.
+void take_artifacts(int fd, uint64_t payload, std::vector<member_data> &data, pack_report *report)
+{
+    std::vector<size_t> unkept;
+    for (const pack_artifact &a : report->judgement.artifacts) {
+        const std::string folded = pack_fold_case(a.name);
+        if ((folded == VERSION_ARTIFACT || a.name == MANIFEST_ARTIFACT ||
+             a.name == MANIFEST_SIG_ARTIFACT) &&
+            !data[a.member].kept)
+            unkept.push_back(a.member);
+    }
+    std::sort(unkept.begin(), unkept.end());
+    unkept.erase(std::unique(unkept.begin(), unkept.end()), unkept.end());
+    read_texts(fd, payload, unkept, &data);
     for (const pack_artifact &a : report->judgement.artifacts) {
         const member_data &d = data[a.member];
         report->artifacts.push_back({a.name, static_cast<uint64_t>(a.size), d.sha256});
@@ -245,7 +286,7 @@ int pack_verify_fd(int fd, pack_report *report, std::string *err)
     report->judgement = pack_judge(report->members);
     report->findings = report->judgement.findings;
     if (r == ARCHIVE_EOF && !report->judgement.tar_fails)
-        take_artifacts(data, report);
+        take_artifacts(fd, payload, data, report);
 
     std::string problems;
     if (report->payload_crc != report->footer_crc) {

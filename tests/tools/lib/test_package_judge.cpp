@@ -291,7 +291,7 @@ TEST(PackJudge, ASparseOrHugeMemberIsRefusedAtOnce)
 }
 
 // The version file and the microcontroller image are taken from what is
-// installed, read as the terminal reads them.
+// installed (a hard link's target's data), read as the terminal reads them.
 TEST(PackJudge, ReadsTheInstalledVersionFileAndImage)
 {
     SimRoot root;
@@ -303,6 +303,10 @@ TEST(PackJudge, ReadsTheInstalledVersionFileAndImage)
     EXPECT_EQ(pkg_version_text(j.report.version), "2.1.0");
     EXPECT_TRUE(j.report.has_mcu_image);
     EXPECT_EQ(j.report.mcu_image_crc32, 0xCBF43926u);
+
+    j = judge(root,
+              package({file("sub/v", "[pkg_data]\nversion=3\n"), hard("PKG_VER.TXT", "sub/v")}));
+    EXPECT_EQ(j.report.version_text, "3");
 }
 
 } // namespace
