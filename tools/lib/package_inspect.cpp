@@ -1,5 +1,6 @@
 #include "lib/package_inspect.h"
 
+#include "common/printable.h"
 #include "lib/sys/crc.h"
 #include "lib/sys/unique_fd.h"
 #include "proto/package.h"
@@ -169,6 +170,105 @@ int read_members(int fd, uint64_t payload, pack_report *report, std::vector<memb
     return ARCHIVE_EOF;
 }
 
+// Member sizes as the terminal's BusyBox tar reads the headers: the size
+// field of a regular member ('0', '7' or NUL) says how much data follows,
+// every other member has none whatever its size field or a PAX "size" says,
+// and GNU long names and PAX headers are skipped by their own size field.
+// libarchive honours a PAX "size" and gives a hard link in a PAX archive
+// data, so where the two readings part, the judge would judge other members
+// than the terminal unpacks.
+class header_walk
+{
+  public:
+    explicit header_walk(archive_in *in) : a_(archive_read_new(), archive_read_free)
+    {
+        archive_read_support_filter_gzip(a_.get());
+        archive_read_support_format_raw(a_.get());
+        struct archive_entry *entry;
+        ok_ = archive_read_open(a_.get(), in, nullptr, read_in, nullptr) == ARCHIVE_OK &&
+              archive_read_next_header(a_.get(), &entry) == ARCHIVE_OK;
+    }
+
+    // The data size of the next member, its type in *type; -1 at the end.
+    int64_t next(char *type)
+    {
+        uint8_t h[512];
+        while (ok_ && read_block(h) && h[0] != '\0') {
+            *type = static_cast<char>(h[156]);
+            const uint64_t size = size_field(h + 124);
+            if (strchr("LKxg", *type) != nullptr) {
+                skip(size);
+                continue;
+            }
+            if (*type != '0' && *type != '7' && *type != '\0')
+                return 0;
+            skip(size);
+            return static_cast<int64_t>(size);
+        }
+        return -1;
+    }
+
+  private:
+    // Octal, or base-256 when the first byte has its top bit set.
+    static uint64_t size_field(const uint8_t *f)
+    {
+        uint64_t v = 0;
+        if (f[0] & 0x80) {
+            for (int i = 1; i < 12; i++)
+                v = v << 8 | f[i];
+            return v;
+        }
+        for (int i = 0; i < 12 && f[i] >= '0' && f[i] <= '7'; i++)
+            v = v * 8 + (f[i] - '0');
+        return v;
+    }
+
+    bool read_block(uint8_t *out)
+    {
+        size_t have = 0;
+        while (have < 512) {
+            la_ssize_t n = archive_read_data(a_.get(), out + have, 512 - have);
+            if (n <= 0)
+                return ok_ = false;
+            have += static_cast<size_t>(n);
+        }
+        return true;
+    }
+
+    // The data and the padding to the next block.
+    void skip(uint64_t size)
+    {
+        uint8_t block[512];
+        for (uint64_t left = (size + 511) / 512; left > 0 && ok_ && read_block(block); left--) {
+        }
+    }
+
+    archive_ptr a_;
+    bool ok_ = false;
+};
+
+// Where the terminal's tar reads the members' headers otherwise than the
+// listing: the finding, or "".
+std::string headers_part(int fd, uint64_t payload, const std::vector<pack_listed> &members)
+{
+    auto in = std::make_unique<archive_in>(archive_in{fd, 0, payload, {}});
+    header_walk walk(in.get());
+    char type = 0;
+    for (const pack_listed &m : members) {
+        const int64_t data = walk.next(&type);
+        const int64_t listed = m.kind == PACK_FILE ? m.size : 0;
+        if (data != listed)
+            return "member '" + printable(m.name) + "' holds " + std::to_string(listed) +
+                   " bytes of data, but the terminal's tar reads " +
+                   (data < 0 ? std::string("no such member")
+                             : std::to_string(data) + " bytes (type '" + printable({type}) +
+                                   "'), and with them other members");
+    }
+    if (walk.next(&type) >= 0)
+        return "the terminal's tar reads more members than the archive lists";
+    return "";
+}
+
 // Reads again the texts of the members `wanted` (indexes, ascending) that
 // the listing did not keep: a hard link gives an artifact the data of a
 // member of another name.
@@ -285,8 +385,13 @@ int pack_verify_fd(int fd, pack_report *report, std::string *err)
     const int r = read_members(fd, payload, report, &data, &unread);
     report->judgement = pack_judge(report->members);
     report->findings = report->judgement.findings;
-    if (r == ARCHIVE_EOF && !report->judgement.tar_fails)
-        take_artifacts(fd, payload, data, report);
+    if (r == ARCHIVE_EOF && !report->judgement.tar_fails) {
+        std::string parted = headers_part(fd, payload, report->members);
+        if (!parted.empty())
+            report->findings.insert(report->findings.begin(), {true, parted});
+        else
+            take_artifacts(fd, payload, data, report);
+    }
 
     std::string problems;
     if (report->payload_crc != report->footer_crc) {

@@ -247,6 +247,76 @@ TEST(PackJudge, SeesWhatBusyBoxTarPutsInTheStagingDirectory)
     }
 }
 
+// A ustar header block, its checksum filled in.
+std::string ustar(const std::string &name, char type, size_t size, const std::string &link = "")
+{
+    std::string h(512, '\0');
+    h.replace(0, name.size(), name);
+    snprintf(h.data() + 100, 8, "%07o", 0644u);
+    snprintf(h.data() + 124, 12, "%011zo", size);
+    h[156] = type;
+    h.replace(157, link.size(), link);
+    h.replace(257, 8,
+              std::string("ustar\0"
+                          "00",
+                          8));
+    h.replace(148, 8, std::string(8, ' '));
+    unsigned sum = 0;
+    for (unsigned char c : h)
+        sum += c;
+    snprintf(h.data() + 148, 8, "%06o", sum);
+    return h;
+}
+
+// A package of a hand-written tar stream, gzip-compressed by libarchive.
+std::string raw_package(const std::string &tar)
+{
+    std::unique_ptr<struct archive, int (*)(struct archive *)> a(archive_write_new(),
+                                                                 archive_write_free);
+    std::vector<char> buf(1 << 16);
+    size_t used = 0;
+    archive_write_set_format_raw(a.get());
+    archive_write_add_filter_gzip(a.get());
+    archive_write_set_bytes_in_last_block(a.get(), 1);
+    archive_write_open_memory(a.get(), buf.data(), buf.size(), &used);
+    struct archive_entry *e = archive_entry_new();
+    archive_entry_set_filetype(e, AE_IFREG);
+    archive_write_header(a.get(), e);
+    archive_write_data(a.get(), tar.data(), tar.size());
+    archive_entry_free(e);
+    archive_write_close(a.get());
+    std::string bytes(buf.data(), used);
+    pkg_metadata_t meta = {0, 0, pkg_crc_buffer(bytes.data(), bytes.size())};
+    uint8_t footer[PKG_FOOTER_SIZE];
+    pkg_footer_encode(&meta, footer);
+    return bytes.append(reinterpret_cast<const char *>(footer), sizeof footer);
+}
+
+// Where libarchive and BusyBox tar read the headers differently (a PAX
+// "size", data behind a hard link), BusyBox unpacks members that libarchive
+// takes for data: here an empty st.bin. The judge refuses such an archive.
+TEST(PackJudge, RefusesHeadersTheTerminalsTarReadsOtherwise)
+{
+    const std::string hidden = ustar("st.bin", '0', 0);
+    const std::string pax_size = "12 size=512\n";
+    const std::string pax = ustar("x", 'x', pax_size.size()) + pax_size + std::string(500, '\0');
+    const std::string end(1024, '\0');
+    const std::string data_a = ustar("a", '0', 3) + "abc" + std::string(509, '\0');
+    for (const std::string &tar : {pax + ustar("app.bin", '0', 0) + hidden + end,
+                                   data_a + pax + ustar("b", '1', 0, "a") + hidden + end}) {
+        SimRoot root;
+        const std::string pkg = raw_package(tar);
+        std::map<std::string, int64_t> unpacked;
+        ASSERT_EQ(busybox_unpack(root, pkg, &unpacked), 0);
+        EXPECT_EQ(unpacked["st.bin"], 0);
+        judged j = judge(root, pkg);
+        EXPECT_EQ(j.report.judgement.artifacts.size(), unpacked.size() - 1);
+        ASSERT_FALSE(j.report.findings.empty());
+        EXPECT_TRUE(j.report.findings[0].refuse);
+        EXPECT_THAT(j.report.findings[0].text, HasSubstr("the terminal's tar reads"));
+    }
+}
+
 // What the terminal ignores is said once per member, and not refused.
 TEST(PackJudge, WarnsOfMembersThatInstallNothing)
 {
