@@ -48,6 +48,15 @@ tar_member sym(const std::string &name, const std::string &target)
     return {name, PACK_SYMLINK, target};
 }
 
+// The payload followed by its footer.
+std::string with_footer(std::string payload)
+{
+    pkg_metadata_t meta = {0, 0, pkg_crc_buffer(payload.data(), payload.size())};
+    uint8_t footer[PKG_FOOTER_SIZE];
+    pkg_footer_encode(&meta, footer);
+    return payload.append(reinterpret_cast<const char *>(footer), sizeof footer);
+}
+
 // A package of `members` written by libarchive in `format`, as odd as asked.
 std::string package(const std::vector<tar_member> &members,
                     int format = ARCHIVE_FORMAT_TAR_PAX_RESTRICTED)
@@ -93,11 +102,7 @@ std::string package(const std::vector<tar_member> &members,
         archive_entry_free(e);
     }
     EXPECT_EQ(archive_write_close(a.get()), ARCHIVE_OK) << archive_error_string(a.get());
-    std::string bytes(buf.data(), used);
-    pkg_metadata_t meta = {0, 0, pkg_crc_buffer(bytes.data(), bytes.size())};
-    uint8_t footer[PKG_FOOTER_SIZE];
-    pkg_footer_encode(&meta, footer);
-    return bytes.append(reinterpret_cast<const char *>(footer), sizeof footer);
+    return with_footer(std::string(buf.data(), used));
 }
 
 // The regular files at the top of `dir` with their sizes.
@@ -285,11 +290,7 @@ std::string raw_package(const std::string &tar)
     archive_write_data(a.get(), tar.data(), tar.size());
     archive_entry_free(e);
     archive_write_close(a.get());
-    std::string bytes(buf.data(), used);
-    pkg_metadata_t meta = {0, 0, pkg_crc_buffer(bytes.data(), bytes.size())};
-    uint8_t footer[PKG_FOOTER_SIZE];
-    pkg_footer_encode(&meta, footer);
-    return bytes.append(reinterpret_cast<const char *>(footer), sizeof footer);
+    return with_footer(std::string(buf.data(), used));
 }
 
 // Where libarchive and BusyBox tar read the headers differently (a PAX
