@@ -170,13 +170,22 @@ int read_members(int fd, uint64_t payload, pack_report *report, std::vector<memb
     return ARCHIVE_EOF;
 }
 
-// Member sizes as the terminal's BusyBox tar reads the headers: the size
-// field of a regular member ('0', '7' or NUL) says how much data follows,
-// every other member has none whatever its size field or a PAX "size" says,
-// and GNU long names and PAX headers are skipped by their own size field.
-// libarchive honours a PAX "size" and gives a hard link in a PAX archive
-// data, so where the two readings part, the judge would judge other members
-// than the terminal unpacks.
+// A member as the terminal's BusyBox tar reads its headers.
+struct tar_header {
+    char type = 0;
+    int64_t data = -1; // bytes of data behind the header; -1: no more members
+    std::string name, link;
+    bool hard_link = false;
+};
+
+// The members' headers as the terminal's BusyBox tar reads them: a regular
+// member's ('0', '7', NUL) header size field says how much data follows and
+// every other member has none, whatever its size field or a PAX "size" says;
+// the name is a GNU long name, else a PAX "path", else prefix/name; and an
+// empty regular member with a link name is a hard link. libarchive honours a
+// PAX "size", gives a hard link in a PAX archive data and ignores the link
+// name of a regular member, so where the two readings part, the judge would
+// judge other members than the terminal unpacks.
 class header_walk
 {
   public:
@@ -189,26 +198,80 @@ class header_walk
               archive_read_next_header(a_.get(), &entry) == ARCHIVE_OK;
     }
 
-    // The data size of the next member, its type in *type; -1 at the end.
-    int64_t next(char *type)
+    tar_header next()
     {
+        tar_header t;
+        std::string longname, longlink;
+        bool has_longname = false, has_longlink = false;
         uint8_t h[512];
         while (ok_ && read_block(h) && h[0] != '\0') {
-            *type = static_cast<char>(h[156]);
+            t.type = static_cast<char>(h[156]);
             const uint64_t size = size_field(h + 124);
-            if (strchr("LKxg", *type) != nullptr) {
-                skip(size);
+            if (t.type == 'L' || t.type == 'K') {
+                std::string text = read_text(size);
+                (t.type == 'L' ? longname : longlink) = text.c_str();
+                (t.type == 'L' ? has_longname : has_longlink) = true;
                 continue;
             }
-            if (*type != '0' && *type != '7' && *type != '\0')
-                return 0;
-            skip(size);
-            return static_cast<int64_t>(size);
+            if (t.type == 'x' || t.type == 'g') {
+                std::string text = size > 0xFFFFF ? (skip(size), "") : read_text(size);
+                if (t.type == 'x')
+                    pax_names(text, &longname, &has_longname, &longlink, &has_longlink);
+                continue;
+            }
+            const bool regular = t.type == '0' || t.type == '7' || t.type == '\0';
+            t.data = regular ? static_cast<int64_t>(size) : 0;
+            skip(static_cast<uint64_t>(t.data));
+            const std::string name = field(h, 100), prefix = field(h + 345, 155);
+            t.name = has_longname ? longname : prefix.empty() ? name : joined(prefix, name);
+            t.link = has_longlink ? longlink : field(h + 157, 100);
+            t.hard_link = t.type == '1' || (regular && size == 0 && !t.link.empty());
+            return t;
         }
-        return -1;
+        t.data = -1;
+        return t;
     }
 
   private:
+    static std::string field(const uint8_t *f, size_t width)
+    {
+        const char *p = reinterpret_cast<const char *>(f);
+        return std::string(p, strnlen(p, width));
+    }
+
+    // prefix "/" name, without the name's leading slashes.
+    static std::string joined(const std::string &prefix, std::string name)
+    {
+        name.erase(0, name.find_first_not_of('/') == std::string::npos
+                          ? name.size()
+                          : name.find_first_not_of('/'));
+        return prefix + (prefix.back() == '/' ? "" : "/") + name;
+    }
+
+    // "LEN KEY=VALUE\n" records; a malformed one ends the header.
+    static void pax_names(const std::string &text, std::string *name, bool *has_name,
+                          std::string *link, bool *has_link)
+    {
+        size_t at = 0;
+        while (at < text.size()) {
+            char *end = nullptr;
+            const unsigned long len = strtoul(text.c_str() + at, &end, 10);
+            const size_t key = static_cast<size_t>(end - text.c_str()) + 1;
+            if (*end != ' ' || len < 5 || len > text.size() - at)
+                return;
+            const std::string record(text.c_str() + key,
+                                     strnlen(text.c_str() + key, at + len - 1 - key));
+            at += len;
+            if (record.compare(0, 5, "path=") == 0) {
+                *name = record.substr(5);
+                *has_name = true;
+            } else if (record.compare(0, 9, "linkpath=") == 0) {
+                *link = record.substr(9);
+                *has_link = true;
+            }
+        }
+    }
+
     // Octal, or base-256 when the first byte has its top bit set.
     static uint64_t size_field(const uint8_t *f)
     {
@@ -235,6 +298,21 @@ class header_walk
         return true;
     }
 
+    // The `size` bytes of an extension header (at most PACK_TEXT_MAX kept),
+    // and its padding.
+    std::string read_text(uint64_t size)
+    {
+        std::string text;
+        uint8_t block[512];
+        for (uint64_t left = size; left > 0 && ok_ && read_block(block);) {
+            const size_t n = left < 512 ? static_cast<size_t>(left) : 512;
+            if (text.size() < PACK_TEXT_MAX)
+                text.append(reinterpret_cast<const char *>(block), n);
+            left -= n;
+        }
+        return text;
+    }
+
     // The data and the padding to the next block.
     void skip(uint64_t size)
     {
@@ -253,18 +331,26 @@ std::string headers_part(int fd, uint64_t payload, const std::vector<pack_listed
 {
     auto in = std::make_unique<archive_in>(archive_in{fd, 0, payload, {}});
     header_walk walk(in.get());
-    char type = 0;
     for (const pack_listed &m : members) {
-        const int64_t data = walk.next(&type);
+        const tar_header t = walk.next();
+        const std::string shown = "member '" + printable(m.name) + "'";
+        if (t.data < 0)
+            return shown + " is not there for the terminal's tar";
         const int64_t listed = m.kind == PACK_FILE ? m.size : 0;
-        if (data != listed)
-            return "member '" + printable(m.name) + "' holds " + std::to_string(listed) +
-                   " bytes of data, but the terminal's tar reads " +
-                   (data < 0 ? std::string("no such member")
-                             : std::to_string(data) + " bytes (type '" + printable({type}) +
-                                   "'), and with them other members");
+        if (t.data != listed)
+            return shown + " holds " + std::to_string(listed) +
+                   " bytes of data, but the terminal's tar reads " + std::to_string(t.data) +
+                   " bytes, and with them other members";
+        if (t.name != m.name)
+            return shown + " is named '" + printable(t.name) + "' for the terminal's tar";
+        if (t.hard_link != (m.kind == PACK_HARDLINK) ||
+            ((t.hard_link || t.type == '2') && t.link != m.link))
+            return shown + " is " +
+                   (t.hard_link ? "a hard link to '" + printable(t.link) + "'"
+                                : std::string("no hard link")) +
+                   " for the terminal's tar";
     }
-    if (walk.next(&type) >= 0)
+    if (walk.next().data >= 0)
         return "the terminal's tar reads more members than the archive lists";
     return "";
 }
