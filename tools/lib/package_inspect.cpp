@@ -257,7 +257,7 @@ class header_walk
             char *end = nullptr;
             const unsigned long len = strtoul(text.c_str() + at, &end, 10);
             const size_t key = static_cast<size_t>(end - text.c_str()) + 1;
-            if (*end != ' ' || len < 5 || len > text.size() - at)
+            if (*end != ' ' || len < 5 || len > text.size() - at || key > at + len - 1)
                 return;
             const std::string record(text.c_str() + key,
                                      strnlen(text.c_str() + key, at + len - 1 - key));
