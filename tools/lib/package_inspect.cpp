@@ -471,20 +471,21 @@ int pack_verify_fd(int fd, pack_report *report, std::string *err)
     const int r = read_members(fd, payload, report, &data, &unread);
     report->judgement = pack_judge(report->members);
     report->findings = report->judgement.findings;
+    // The listing itself is in doubt where the terminal's tar reads the
+    // headers otherwise: a reading problem, not one the judge could find.
+    std::string parted;
     if (r == ARCHIVE_EOF && !report->judgement.tar_fails) {
-        std::string parted = headers_part(fd, payload, report->members);
-        if (!parted.empty())
-            report->findings.insert(report->findings.begin(), {true, parted});
-        else
+        parted = headers_part(fd, payload, report->members);
+        if (parted.empty())
             take_artifacts(fd, payload, data, report);
     }
 
-    std::string problems;
+    std::string problems = parted;
     if (report->payload_crc != report->footer_crc) {
         char text[128];
         snprintf(text, sizeof text, "CRC mismatch: the footer says %u, the payload gives %u",
                  report->footer_crc, report->payload_crc);
-        problems = text;
+        problems = text + (problems.empty() ? "" : "; " + problems);
     }
     if (r != ARCHIVE_EOF) {
         // A member beyond the limits is the judge's to name.
