@@ -50,6 +50,11 @@ inline constexpr char MCU_IMAGE_ARTIFACT[] = "st.bin";
 inline constexpr char VERSION_ARTIFACT[] = "pkg_ver.txt";
 inline constexpr size_t MCU_APP_AREA_SIZE = 204800;
 
+// The terminal unpacks a package (its footer cut off) into its staging
+// directory with its BusyBox tar: the package path and the directory, each
+// one quoted shell word. -o keeps the archive's owners from being restored.
+inline constexpr char PKG_UNPACK_CMD[] = "tar -o -xzf %s -C %s";
+
 struct pkg_metadata {
     uint32_t artifacts_bitmask; // shown when the package is checked; nothing depends on it
     uint32_t reserved;

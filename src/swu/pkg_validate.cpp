@@ -21,11 +21,6 @@
 namespace
 {
 
-// Unpacking command: package path and staging directory, each quoted as one
-// shell word. -o keeps the archive's owners from being restored (GNU and
-// BusyBox tar both read it so when extracting).
-constexpr char UNZIP_CMD[] = "tar -o -xzf %s -C %s";
-
 // With this public key in place the terminal installs signed packages only.
 constexpr char TRUSTED_KEY_FILE[] = "/etc/swu/trusted.pub";
 
@@ -209,8 +204,9 @@ int do_extract_pkg(const char *path)
     const std::string pkg_arg = path[0] == '-' ? "./" + std::string(path) : std::string(path);
     std::string quoted_pkg = pkg_shell_quote(pkg_arg.c_str());
     std::string quoted_dir = pkg_shell_quote(staging.c_str());
-    std::string pkg_extract_cmd(sizeof UNZIP_CMD + quoted_pkg.size() + quoted_dir.size(), '\0');
-    int len = snprintf(pkg_extract_cmd.data(), pkg_extract_cmd.size(), UNZIP_CMD,
+    std::string pkg_extract_cmd(sizeof PKG_UNPACK_CMD + quoted_pkg.size() + quoted_dir.size(),
+                                '\0');
+    int len = snprintf(pkg_extract_cmd.data(), pkg_extract_cmd.size(), PKG_UNPACK_CMD,
                        quoted_pkg.c_str(), quoted_dir.c_str());
     pkg_extract_cmd.resize(len > 0 ? static_cast<size_t>(len) : 0);
     if (plat_system(pkg_extract_cmd.c_str()) != 0) {

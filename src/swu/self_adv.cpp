@@ -4,16 +4,17 @@
 #include "lib/sys/swu_assert.h"
 #include "lib/sys/terminal_config.h"
 #include "platform/platform.h"
+#include "proto/version.h"
 #include "swu/emmc_mount.h"
 #include "swu/status.h"
 #include "swu/swu.h"
 #include "swu/sys-api.h"
 
+#include <algorithm>
 #include <arpa/inet.h>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <ini.h>
 #include <unistd.h>
 
 namespace
@@ -56,16 +57,6 @@ int read_orvanID(char *orvanID, uint8_t *size)
     return 0;
 }
 
-int ini_parser_callback(void *arg, const char *section, const char *name, const char *value)
-{
-    auto *text = static_cast<char **>(arg);
-    if (strcmp(section, "pkg_data") == 0 && strcmp(name, "version") == 0) {
-        free(*text); // the last of several keys counts
-        *text = strdup(value);
-    }
-    return 1;
-}
-
 uint16_t get_conf_ver()
 {
     return 505;
@@ -80,28 +71,24 @@ int get_curr_ver(uint16_t *curr_version, int size)
         return -1;
     if (mount_emmc() != 0)
         return -1;
-    char *text = nullptr;
+    pkg_version_key key;
     // Opened here rather than by ini_parse, so that it is close-on-exec: the
     // installation thread may be starting a tool meanwhile.
     FILE *f = fopen(plat_path(PKG_VER_FILE).c_str(), "re");
-    int parsed = f == nullptr ? -1 : ini_parse_file(f, ini_parser_callback, &text);
+    int parsed = f == nullptr ? -1 : pkg_version_ini_file(f, &key);
     if (f != nullptr)
         fclose(f);
     if (parsed != 0) {
         printf("Can't load '%s'\n", PKG_VER_FILE);
-        free(text);
         return -1;
     }
     // A file without the key says nothing about the version.
-    if (text == nullptr)
+    if (!key.found)
         return -1;
-    char *save = nullptr;
-    char *piece = strtok_r(text, ".", &save);
-    for (int i = 0; i < 3 && piece != nullptr; i++) {
-        curr_version[i] = static_cast<uint16_t>(strtoul(piece, nullptr, 10));
-        piece = strtok_r(nullptr, ".", &save);
-    }
-    free(text);
+    pkg_version_t version;
+    std::copy(curr_version, curr_version + 3, version.v);
+    pkg_version_parse(key.value.c_str(), &version);
+    std::copy(version.v, version.v + 3, curr_version);
     return 0;
 }
 

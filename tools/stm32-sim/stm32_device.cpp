@@ -2,6 +2,7 @@
 
 #include "lib/st_control/stm_com/zynq_st_uart_link.h"
 #include "lib/st_control/stm_com/zynq_st_uart_prot.h"
+#include "lib/sys/crc.h"
 #include "lib/sys/le_bytes.h"
 
 #include <cstdio>
@@ -19,17 +20,6 @@ std::vector<uint8_t> ack(uint8_t byte)
 }
 
 } // namespace
-
-uint32_t sim_crc32(const uint8_t *buf, size_t size)
-{
-    uint32_t reg = 0xFFFFFFFF;
-    for (size_t k = 0; k < size; k++) {
-        reg ^= buf[k];
-        for (int bit = 0; bit < 8; bit++)
-            reg = (reg & 1) ? ((reg >> 1) ^ 0xEDB88320u) : (reg >> 1);
-    }
-    return ~reg;
-}
 
 stm32_device::stm32_device(const stm32_options &opt)
     : opt_(opt), api_version_(opt.api_version), boot_version_(opt.boot_version)
@@ -115,7 +105,7 @@ bool stm32_device::load_image(const std::string &path)
     flash_ = std::move(image);
     app_present_ = true;
     incomplete_ = false;
-    api_version_ = sim_crc32(flash_.data(), flash_.size());
+    api_version_ = crc32_std(0, flash_.data(), flash_.size());
     save();
     return true;
 }
@@ -210,7 +200,7 @@ std::optional<std::vector<uint8_t>> stm32_device::handle(uint8_t opc, const uint
         return ack(STM32_ACK);
 
     case STM32_PROGRAM_VERIFIY: {
-        uint32_t crc = sim_crc32(received_.data(), received_.size());
+        uint32_t crc = crc32_std(0, received_.data(), received_.size());
         if (opt_.wrong_verify)
             crc ^= 0x00000001;
         std::vector<uint8_t> p(4);
@@ -230,7 +220,7 @@ std::optional<std::vector<uint8_t>> stm32_device::handle(uint8_t opc, const uint
             incomplete_ = false;
             // The simulated application reports the CRC-32 of its image as
             // its version, so a run can tell which image it is running.
-            api_version_ = sim_crc32(flash_.data(), flash_.size());
+            api_version_ = crc32_std(0, flash_.data(), flash_.size());
             started_ = update_open_ = erased_ = false;
             save();
             event = "programmed " + std::to_string(flash_.size()) + " bytes";

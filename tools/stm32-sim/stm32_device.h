@@ -14,9 +14,6 @@
 inline constexpr uint32_t SIM_FLASH_BASE = 0x08020000;
 inline constexpr uint32_t SIM_FLASH_AREA = 0x60000;
 
-// The published CRC-32 (IEEE 802.3), as the bootloader checks its flash.
-uint32_t sim_crc32(const uint8_t *buf, size_t size);
-
 struct stm32_options {
     std::string state_path;
     std::optional<bool> start_in_app; // unset: from the state file

@@ -1,24 +1,21 @@
 // swu-pack: builds an update package for the terminal, or checks one.
 //
 //   swu-pack -o FILE [--bitmask N] [--force] [--sign KEY [--downgrade]] ARTIFACT...
-//   swu-pack verify FILE [--key KEY.pub]
+//   swu-pack verify FILE [--key KEY.pub] [--json]
 //   swu-pack keygen KEY
 //
 // Only what the terminal can install is packed: regular files, stored at the
 // top of the archive under their base names, with names its card can hold
 // and an st.bin its microcontroller can take (--force overrides the last
-// two). verify refuses what the packer would.
-#include "pack.h"
-
-#include "common/printable.h"
+// two). verify prints the report "swu-client check" prints, and refuses what
+// the packer would.
+#include "lib/package_report.h"
+#include "lib/package_sign.h"
 #include "proto/package.h"
 
 #include <CLI/CLI.hpp>
-#include <cerrno>
 #include <cstdio>
-#include <cstring>
 #include <string>
-#include <sys/stat.h>
 #include <vector>
 
 namespace
@@ -28,15 +25,6 @@ int fail(const std::string &message)
 {
     fprintf(stderr, "swu-pack: %s\n", message.c_str());
     return 1;
-}
-
-std::string base_name(const std::string &path)
-{
-    std::string p = path;
-    while (p.size() > 1 && p.back() == '/')
-        p.pop_back();
-    size_t slash = p.find_last_of('/');
-    return slash == std::string::npos ? p : p.substr(slash + 1);
 }
 
 // Prints the findings; 0 when the package may go on (nothing refused, or
@@ -58,23 +46,11 @@ int build(const std::string &out, uint32_t bitmask, const std::vector<std::strin
 {
     std::vector<pack_member> members;
     std::vector<pack_listed> listing;
-    for (const std::string &path : artifacts) {
-        struct stat st;
-        if (stat(path.c_str(), &st) != 0)
-            return fail("cannot read artifact '" + path + "': " + strerror(errno));
-        if (!S_ISREG(st.st_mode))
-            return fail("artifact '" + path + "' is not a regular file");
-        pack_member m;
-        m.name = base_name(path);
-        if (m.name == "." || m.name == "..")
-            return fail("artifact '" + path + "' has no file name");
-        m.source = path;
-        members.push_back(m);
-        listing.push_back({m.name, PACK_FILE, st.st_size});
-    }
+    std::string err;
+    if (pack_collect_files(artifacts, &members, &listing, &err) != 0)
+        return fail(err);
     if (report(pack_review(listing), force) != 0)
         return fail("nothing written (--force packs it anyway)");
-    std::string err;
     if (!sign_key.empty()) {
         std::vector<uint8_t> sk;
         if (sign_read_key(sign_key, SIGN_SECRET_KEY_SIZE, &sk, &err) != 0 ||
@@ -91,32 +67,44 @@ int build(const std::string &out, uint32_t bitmask, const std::vector<std::strin
     return 0;
 }
 
-int verify(const std::string &file, const std::string &public_key)
+// The signer of a checked package: "" when `public_key` signed it.
+std::string signer_problem(const pack_report &found, const std::string &public_key)
+{
+    std::vector<uint8_t> pk;
+    std::string err;
+    if (sign_read_key(public_key, SIGN_PUBLIC_KEY_SIZE, &pk, &err) != 0)
+        return err;
+    if (found.manifest_sig.empty())
+        return "the package is unsigned";
+    if (manifest_check(found.manifest, found.manifest_sig, pk, found.artifacts, &err) != 0)
+        return err;
+    return "";
+}
+
+int verify(const std::string &file, const std::string &public_key, bool json)
 {
     pack_report found;
     std::string err;
-    int result = pack_verify(file, &found, &err);
-    for (const pack_listed &m : found.members)
-        printf("%12lld  %s%s%s\n", static_cast<long long>(m.size), printable(m.name).c_str(),
-               m.kind == PACK_FILE ? "" : "  ", m.kind == PACK_FILE ? "" : pack_kind_name(m.kind));
-    if (result != 0)
-        return fail(file + ": " + err);
-    if (report(pack_review(found.members), false) != 0)
-        return fail(file + ": the terminal would be harmed by this package");
+    pack_verify(file, &found, &err);
+    bool ok = !pack_refused(found);
+    std::string signer;
     if (!public_key.empty()) {
-        std::vector<uint8_t> pk;
-        if (sign_read_key(public_key, SIGN_PUBLIC_KEY_SIZE, &pk, &err) != 0)
-            return fail(err);
-        if (found.manifest_sig.empty())
-            return fail(file + ": the package is unsigned");
-        if (manifest_check(found.manifest, found.manifest_sig, pk, found.artifacts, &err) != 0)
-            return fail(file + ": " + err);
-        printf("%s: signature ok\n", file.c_str());
+        signer = signer_problem(found, public_key);
+        ok = ok && signer.empty();
     }
-    printf("%s: %zu members, %llu bytes, bitmask 0x%X, crc %u ok\n", file.c_str(),
-           found.members.size(), static_cast<unsigned long long>(found.package_size),
-           found.artifacts_bitmask, found.footer_crc);
-    return 0;
+    if (json) {
+        nlohmann::json j = pack_report_json(found);
+        j["file"] = file;
+        if (!public_key.empty())
+            j["signer"] = signer.empty() ? "ok" : signer;
+        j["exit_code"] = ok ? 0 : 1;
+        printf("%s\n", j.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace).c_str());
+        return ok ? 0 : 1;
+    }
+    pack_report_text(stdout, file, found);
+    if (!public_key.empty())
+        printf("signer     %s\n", signer.empty() ? "ok" : signer.c_str());
+    return ok ? 0 : 1;
 }
 
 } // namespace
@@ -145,11 +133,14 @@ int run(int argc, char **argv)
                  "empty or oversized st.bin)");
 
     std::string checked;
-    CLI::App *verify_cmd =
-        app.add_subcommand("verify", "Check a package's footer CRC and list its members");
+    CLI::App *verify_cmd = app.add_subcommand(
+        "verify",
+        "Check a package as the terminal will unpack it (the report of swu-client check)");
     verify_cmd->add_option("file", checked, "Package file")->required();
     std::string public_key;
     verify_cmd->add_option("--key", public_key, "Public key: the package must be signed by it");
+    bool json = false;
+    verify_cmd->add_flag("--json", json, "Print the report as one JSON object");
     std::string key_path;
     CLI::App *keygen_cmd = app.add_subcommand(
         "keygen", "Write a new Ed25519 key pair: KEY (secret) and KEY.pub (for the terminal)");
@@ -165,7 +156,7 @@ int run(int argc, char **argv)
     if (*verify_cmd) {
         if (!out.empty() || !artifacts.empty())
             return fail("verify takes only the package file");
-        return verify(checked, public_key);
+        return verify(checked, public_key, json);
     }
     if (*keygen_cmd) {
         std::string err;

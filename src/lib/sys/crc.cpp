@@ -46,6 +46,11 @@ uint32_t crc32_bytewise(const void *buf, size_t size, uint32_t init_val)
 
 #ifdef SWU_HAVE_ZLIB
 
+uint32_t crc32_std(uint32_t crc, const void *buf, size_t size)
+{
+    return static_cast<uint32_t>(crc32_z(crc, static_cast<const Bytef *>(buf), size));
+}
+
 // zlib runs the same register but complements it on entry and on exit, so
 // complementing both sides gives the bare register update. zlib's own crc32()
 // shares our name, hence crc32_z.
@@ -64,6 +69,15 @@ bool crc32_is_accelerated()
 }
 
 #else
+
+uint32_t crc32_std(uint32_t crc, const void *buf, size_t size)
+{
+    const auto *bytes = static_cast<const uint8_t *>(buf);
+    uint32_t value = ~crc;
+    for (size_t i = 0; i < size; ++i)
+        value = (value >> 8) ^ crc32_table[(value ^ bytes[i]) & 0xFF];
+    return ~value;
+}
 
 uint32_t crc32(const void *buf, size_t size, uint32_t init_val)
 {

@@ -1,7 +1,7 @@
-// CRC-32 of the update package.
+// The two CRC-32 functions of the system.
 //
-// Reflected CRC-32 with polynomial 0xEDB88320 (IEEE 802.3 bit-reversed), but
-// started from 0x0000FFFF when the start value is 0 and with no final XOR, so
+// crc32, the CRC of the update package: reflected CRC-32 with polynomial 0xEDB88320 (IEEE 802.3
+// bit-reversed), but started from 0x0000FFFF when the start value is 0 and with no final XOR, so
 // its results differ from the common CRC-32 (the digits "123456789" give
 // 0x42F92725 from 0). Pieces of a long buffer are chained by passing each
 // piece's result as the next start value.
@@ -57,3 +57,9 @@ uint32_t crc32_bytewise(const void *buf, size_t size, uint32_t init_val);
 
 // True when crc32 uses the faster routine rather than crc32_bytewise.
 bool crc32_is_accelerated();
+
+// The common CRC-32 (zlib's crc32, IEEE 802.3): complemented on entry and on
+// exit, so "123456789" gives 0xCBF43926 from 0. Start from 0; chain pieces by
+// passing each piece's result as `crc`. The microcontroller checks its flash
+// with it, and the tools show it for st.bin.
+uint32_t crc32_std(uint32_t crc, const void *buf, size_t size);

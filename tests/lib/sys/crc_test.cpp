@@ -55,4 +55,13 @@ TEST(Crc32, PieceEndingAtZeroRestartsFromDefault)
     EXPECT_EQ(crc32(joined, 8, 0), reference_crc(joined, 8, 0));
 }
 
+// The common CRC-32: zlib's check value, chained across any split, and
+// distinct from the package CRC's register.
+TEST(Crc32, CommonCrcChainsLikeZlib)
+{
+    EXPECT_EQ(crc32_std(0, "123456789", 9), 0xCBF43926U);
+    EXPECT_EQ(crc32_std(0, nullptr, 0), 0U);
+    EXPECT_EQ(crc32_std(crc32_std(0, "1234", 4), "56789", 5), 0xCBF43926U);
+}
+
 } // namespace

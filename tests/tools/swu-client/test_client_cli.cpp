@@ -220,11 +220,12 @@ TEST_F(ClientCli, AForgedIdentityIsShownEscapedAndNeverAbortsTheClient)
 }
 
 // A package that would wipe the card or erase the microcontroller is refused
-// before anything is sent (no terminal answers here): --force sends it.
+// before anything is sent (no terminal answers here): --force sends it. The
+// terminal's tar strips the leading '/'.
 TEST_F(ClientCli, AHarmfulPackageIsRefusedBeforeAnythingIsSent)
 {
     root_.mkdir("client");
-    const std::string empty_st = make_package("empty-st.swu", {file_member("st.bin", "")});
+    const std::string empty_st = make_package("empty-st.swu", {file_member("/st.bin", "")});
     run_result u = client(root_, {"update", "127.0.0.1", empty_st, "--reply-timeout", "100"});
     EXPECT_EQ(u.exit_code, SWUC_EXIT_PACKAGE) << u.out << u.err;
     EXPECT_NE(u.err.find("refused: 'st.bin' is empty"), std::string::npos) << u.err;
@@ -237,6 +238,9 @@ TEST_F(ClientCli, AHarmfulPackageIsRefusedBeforeAnythingIsSent)
     run_result c = client(root_, {"check", empty_st});
     EXPECT_EQ(c.exit_code, SWUC_EXIT_PACKAGE) << c.out;
     EXPECT_NE(c.out.find("REFUSED  'st.bin' is empty"), std::string::npos) << c.out;
+    c = client(root_, {"check", empty_st, "--json"});
+    EXPECT_EQ(c.exit_code, SWUC_EXIT_PACKAGE) << c.out;
+    EXPECT_EQ(parsed(c)["result"], "refused") << c.out;
     const std::string good = make_package("good.swu", {file_member("st.bin", "123456789")});
     c = client(root_, {"check", good});
     EXPECT_EQ(c.exit_code, 0) << c.out;

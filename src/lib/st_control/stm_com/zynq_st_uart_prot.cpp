@@ -2,10 +2,10 @@
 
 #include "lib/st_control/logFile.h"
 #include "lib/st_control/stm_com/zynq_st_uart_link.h"
+#include "lib/sys/crc.h"
 #include "lib/sys/le_bytes.h"
 #include "proto/package.h"
 
-#include <array>
 #include <cstdio>
 #include <cstring>
 #include <sys/stat.h>
@@ -32,52 +32,22 @@ constexpr uint8_t READBACK_STEP = 64;
 // rather than keep the installer waiting for ever.
 constexpr int STM32_STATUS_ROUNDS_MAX = 50;
 
-constexpr std::array<uint32_t, 256> make_crc32_tab()
-{
-    std::array<uint32_t, 256> t{};
-    for (uint32_t k = 0; k < 256; k++) {
-        uint32_t r = k;
-        for (int bit = 0; bit < 8; bit++)
-            r = (r & 1) ? ((r >> 1) ^ 0xEDB88320u) : (r >> 1);
-        t[k] = r;
-    }
-    return t;
-}
-constexpr std::array<uint32_t, 256> crc32_tab = make_crc32_tab();
-static_assert(crc32_tab[1] == 0x77073096);
-
-constexpr uint32_t crc32_step(uint32_t reg, uint8_t byte)
-{
-    return crc32_tab[(reg ^ byte) & 0xFF] ^ (reg >> 8);
-}
-
-// The published CRC-32 (IEEE 802.3): the STM32 checks its flash with it. Not
-// the support library's chained crc32, which starts elsewhere and is not
-// complemented.
-uint32_t crc32(const uint8_t *buf, size_t size)
-{
-    uint32_t reg = 0xFFFFFFFF;
-    for (size_t k = 0; k < size; k++)
-        reg = crc32_step(reg, buf[k]);
-    return ~reg;
-}
-
-// CRC-32 of the image padded with zeros to a multiple of 8; leaves the file
-// position at the end.
+// The common CRC-32, with which the STM32 checks its flash, of the image
+// padded with zeros to a multiple of 8; leaves the file position at the end.
 uint32_t get_file_crc(int file_fd)
 {
-    uint32_t reg = 0xFFFFFFFF;
+    uint32_t crc = 0;
     uint8_t block[CRC_BLOCK];
+    static const uint8_t zeros[8] = {};
     lseek(file_fd, 0, SEEK_SET);
     for (;;) {
         ssize_t n = read(file_fd, block, sizeof(block));
         if (n <= 0)
             break;
-        size_t padded = (static_cast<size_t>(n) + 7) & ~static_cast<size_t>(7);
-        for (size_t k = 0; k < padded; k++)
-            reg = crc32_step(reg, k < static_cast<size_t>(n) ? block[k] : 0);
+        crc = crc32_std(crc, block, static_cast<size_t>(n));
+        crc = crc32_std(crc, zeros, (8 - static_cast<size_t>(n) % 8) % 8);
     }
-    return ~reg;
+    return crc;
 }
 
 enum exchange_result { EXCHANGE_OK = 0, EXCHANGE_SEND_FAILED = -1, EXCHANGE_TIMED_OUT = -2 };
@@ -415,5 +385,5 @@ int stm_dow_file(int fd, int file_fd)
 
     if (ret < 0)
         return -1;
-    return get_file_crc(file_fd) == crc32(g_readback, offset) ? 0 : -1;
+    return get_file_crc(file_fd) == crc32_std(0, g_readback, offset) ? 0 : -1;
 }
