@@ -652,8 +652,14 @@ int cmd_update_all(const client_options &o, const std::string &package, const up
             jb.start_time = utc_now();
             jb.out = run_update(make_params(o, terminal, package, with_version), ev);
             jb.end_time = utc_now();
-            std::lock_guard<std::mutex> guard(out_lock);
-            remember_name(terminal, jb.out.name, pkg.package_size, pkg.footer_crc);
+            {
+                std::lock_guard<std::mutex> guard(out_lock);
+                remember_name(terminal, jb.out.name, pkg.package_size, pkg.footer_crc);
+                // ack-error and reboot after a fleet reach the session's port.
+                if (jb.out.rx_port != 0)
+                    remember_ports(terminal, jb.out.rx_port, jb.out.stream_port);
+            }
+            // The view takes the output lock itself.
             if (!o.json)
                 view.line(jb.out.exit_code == SWUC_EXIT_OK ? summary(jb.out)
                                                            : "FAILED: " + jb.out.message);
