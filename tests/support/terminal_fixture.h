@@ -7,13 +7,15 @@
 // network namespace of its own (the NETNS test entry).
 #pragma once
 
+#include "lib/discovery.h"
+#include "lib/session.h"
+#include "lib/stream.h"
 #include "lib/sys/le_bytes.h"
 #include "pack.h"
 #include "proto/package.h"
 #include "support/process.h"
 #include "support/sim_root.h"
 #include "support/stm32_sim.h"
-#include "swu-client/lib/swu_client.h"
 
 #include <gtest/gtest.h>
 

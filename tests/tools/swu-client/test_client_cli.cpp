@@ -2,8 +2,10 @@
 // microcontroller simulator: a terminal updated from discovery to the reboot
 // (the whole road of an update), and a failed update cleared with the
 // commands that follow it.
+#include "lib/fleet.h"
+#include "lib/policy.h"
+#include "lib/update.h"
 #include "support/terminal_lan.h"
-#include "swu-client/lib/client_update.h"
 
 #include <nlohmann/json.hpp>
 
@@ -392,7 +394,7 @@ TEST_F(ClientLan, UpdateAllRunsToTheEndAndReportsEveryTerminal)
         make_package("v2.swu", {file_member("pkg_ver.txt", "[pkg_data]\nversion=2.0.0\n")});
     const std::string report_path = root_.path("client/fleet.jsonl");
     run_result r =
-        client(root_, {"update", "--all", pkg, "--local", TerminalLan::CLIENT, "--timeout", "3.5",
+        client(root_, {"update", "--all", pkg, "--local", TerminalLan::CLIENT, "--timeout", "4.5",
                        "--parallel", "2", "--canary", "1", "--max-failures", "1", "--retries", "0",
                        "--no-reboot", "--json", "--report", report_path});
     EXPECT_EQ(r.exit_code, SWUC_EXIT_FLEET) << r.out << r.err;
@@ -409,7 +411,7 @@ TEST_F(ClientLan, UpdateAllRunsToTheEndAndReportsEveryTerminal)
     // The acknowledged terminal takes connections but advertises busy until
     // its next session: skipped, and the failure budget starts afresh.
     ASSERT_EQ(client(root_, {"ack-error", a, "--local", TerminalLan::CLIENT}).exit_code, 0);
-    r = client(root_, {"update", "--all", pkg, "--local", TerminalLan::CLIENT, "--timeout", "3.5",
+    r = client(root_, {"update", "--all", pkg, "--local", TerminalLan::CLIENT, "--timeout", "4.5",
                        "--parallel", "2", "--no-reboot", "--report", report_path});
     EXPECT_EQ(r.exit_code, 0) << r.out << r.err;
     EXPECT_NE(r.out.find("[" + b + "] updated in "), std::string::npos) << r.out;
