@@ -145,6 +145,46 @@ TEST(Flow, WindowOpensUpToItsCapAndALossBurstCutsItOnceThenShutsIt)
     EXPECT_EQ(f.resent(), 12u);
 }
 
+// Go-back-N resends the whole flight after a loss; a time-out of a packet
+// sent before the cut is the same loss, and the window is not cut for it
+// again. A loss after the flight is a new one.
+TEST(Flow, ALossIsOneCutHoweverManyOfItsPacketsTimeOut)
+{
+    swuc_flow_opts o;
+    o.max_window = 16;
+    swuc_flow f = started(10000, o);
+    int64_t t = 2 * MS;
+    while (f.window() < 16) {
+        send_all(f, t);
+        t += 2 * MS;
+        ASSERT_TRUE(f.acked(f.next() - 1, t));
+    }
+    send_all(f, t);
+    const uint64_t flight_end = f.next() - 1;
+    ASSERT_TRUE(f.expire(f.deadline_us()));
+    const double cut = f.window();
+    EXPECT_DOUBLE_EQ(cut, 16 * 0.7);
+    t = f.deadline_us();
+    send_all(f, t);
+    ASSERT_TRUE(f.acked(f.base() + 2, t + 2 * MS)) << "progress, still inside the lost flight";
+    ASSERT_LT(f.base(), flight_end);
+    const double grown = f.window();
+    ASSERT_TRUE(f.expire(f.deadline_us()));
+    EXPECT_EQ(f.consecutive_timeouts(), 1);
+    EXPECT_DOUBLE_EQ(f.window(), grown) << "the same loss cut twice";
+
+    t = f.deadline_us();
+    while (f.base() <= flight_end) {
+        send_all(f, t);
+        t += 2 * MS;
+        ASSERT_TRUE(f.acked(f.next() - 1, t));
+    }
+    send_all(f, t);
+    const double before = f.window();
+    ASSERT_TRUE(f.expire(f.deadline_us()));
+    EXPECT_DOUBLE_EQ(f.window(), before * 0.7) << "a new loss";
+}
+
 TEST(Flow, AfterALossTheWindowGrowsBackByHalfAPacketPerRoundTripWithoutWaitingForBursts)
 {
     swuc_flow_opts o;
