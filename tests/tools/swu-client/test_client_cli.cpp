@@ -422,4 +422,70 @@ TEST_F(ClientLan, UpdateAllRunsToTheEndAndReportsEveryTerminal)
     EXPECT_EQ(lan_.at(1).root->read("dev/mmcblk0p1/pkg_ver.txt"), "[pkg_data]\nversion=2.0.0\n");
 }
 
+// A second host on the LAN advertises the terminal's identity and answers
+// every request of the client's ports: the client takes nothing from it. A
+// fleet limited to known terminals leaves its claim apart; the package the
+// terminal refuses is reported refused; the confirmation after a reboot is
+// not faked.
+TEST_F(ClientLan, AHostileHostOnTheLanIsNeverBelieved)
+{
+    const std::string a = lan_.add("T-A");
+    const std::string b = lan_.add("T-B");
+    const sockaddr_in rx = Stranger::to(TerminalLan::CLIENT, 40001);
+    const sockaddr_in stream = Stranger::to(TerminalLan::CLIENT, 40002);
+    const std::string finish =
+        R"({"battery_status":80,"status_code":0,"status_message":"ok","stage_code":6,)"
+        R"("stage_description":"Update finished","stage_progress":100,"stage_complete":1})";
+    Stranger forger({Stranger::advert("T-A", 2), Stranger::status(finish, rx),
+                     Stranger::header(TERMINAL_REBOOT_RSPNS, rx),
+                     Stranger::header(FILE_STREAM_END_RSPNS, stream), Stranger::ack(1, stream)},
+                    TerminalLan::STRANGER);
+    const std::string v2 =
+        make_package("v2.swu", {file_member("pkg_ver.txt", "[pkg_data]\nversion=2.0.0\n")});
+
+    // The identity is claimed from two addresses: a bare --only trusts neither.
+    run_result r = client(root_, {"update", "--all", v2, "--only", "T-A", "--local",
+                                  TerminalLan::CLIENT, "--timeout", "4.5"});
+    EXPECT_EQ(r.exit_code, 0) << r.out << r.err;
+    EXPECT_NE(r.out.find("updating 0 of 0 terminals heard"), std::string::npos) << r.out;
+    EXPECT_NE(
+        r.out.find(std::string("not known terminals (left alone):\nADDRESS     IDENTITY  WHY\n") +
+                   a + "  T-A       its identity is advertised from 2 addresses"),
+        std::string::npos)
+        << r.out;
+
+    // A package the terminal refuses, while the forger reports it finished.
+    std::string bytes = root_.read("client/v2.swu");
+    bytes[bytes.size() / 2] ^= 0x55;
+    root_.write("client/bad.swu", bytes);
+    r = client(root_, {"update", b, root_.path("client/bad.swu"), "--force", "--local",
+                       TerminalLan::CLIENT, "--rx-port", "40001", "--stream-port", "40002", "-v"});
+    EXPECT_EQ(r.exit_code, SWUC_EXIT_INSTALL) << r.out << r.err;
+    for (const char *never : {"installed", "reboot confirmed", "is back"})
+        EXPECT_EQ(r.out.find(never), std::string::npos) << never << " in\n" << r.out;
+    EXPECT_NE(r.err.find("datagrams dropped: not from the terminal"), std::string::npos) << r.err;
+    run_result ack = client(root_, {"ack-error", b, "--local", TerminalLan::CLIENT, "--rx-port",
+                                    "40001", "--json", "-v"});
+    EXPECT_EQ(ack.exit_code, 0) << ack.out << ack.err;
+    EXPECT_EQ(parsed(ack)["result"], "error acknowledged") << ack.out;
+
+    // An inventory pins T-A to its address: it is updated and reboots, and
+    // does not come back (nothing restarts its daemon), whatever the forger
+    // advertises.
+    root_.write("client/inventory", "T-A " + a + "\n");
+    r = client(root_,
+               {"update", "--all", v2, "--inventory", root_.path("client/inventory"), "--local",
+                TerminalLan::CLIENT, "--timeout", "4.5", "--confirm-timeout", "6", "--json"});
+    EXPECT_EQ(r.exit_code, SWUC_EXIT_FLEET) << r.out << r.err;
+    json list = parsed(r);
+    ASSERT_TRUE(list.is_array() && list.size() == 3) << r.out;
+    EXPECT_EQ(list[0]["terminal"], a);
+    EXPECT_EQ(list[0]["exit_code"], SWUC_EXIT_NOT_BACK) << r.out;
+    EXPECT_GT(list[0]["foreign"].get<int>(), 0) << r.out;
+    EXPECT_EQ(list[1]["result"], "not known");
+    EXPECT_EQ(list[2]["terminal"], TerminalLan::STRANGER);
+    EXPECT_EQ(list[2]["result"], "not known");
+    EXPECT_TRUE(lan_.at(0).swu.wait_end(5s)) << "T-A was not asked to reboot";
+}
+
 } // namespace
