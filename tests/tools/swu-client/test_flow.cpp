@@ -94,7 +94,7 @@ TEST(Flow, SegmentOneIsProbedWithSegmentTwoAndSentAgainOnlyWhenProbesGoUnanswere
     EXPECT_EQ(send_all(one, 0), std::vector<uint64_t>{1});
 }
 
-TEST(Flow, WindowOpensUpToItsCapAndALossBurstCutsItOnceThenShutsIt)
+TEST(Flow, WindowOpensUpToItsCapAndALossCutsItOnceThenShutsIt)
 {
     swuc_flow_opts o;
     o.max_window = 16;
@@ -143,46 +143,24 @@ TEST(Flow, WindowOpensUpToItsCapAndALossBurstCutsItOnceThenShutsIt)
     EXPECT_EQ(f.consecutive_timeouts(), 0);
     EXPECT_LT(f.rto().rto_us, 2 * rto);
     EXPECT_EQ(f.resent(), 12u);
-}
-
-// Go-back-N resends the whole flight after a loss; a time-out of a packet
-// sent before the cut is the same loss, and the window is not cut for it
-// again. A loss after the flight is a new one.
-TEST(Flow, ALossIsOneCutHoweverManyOfItsPacketsTimeOut)
-{
-    swuc_flow_opts o;
-    o.max_window = 16;
-    swuc_flow f = started(10000, o);
-    int64_t t = 2 * MS;
-    while (f.window() < 16) {
-        send_all(f, t);
-        t += 2 * MS;
-        ASSERT_TRUE(f.acked(f.next() - 1, t));
+    // A time-out of a packet sent before the cut is the same loss: no second
+    // cut. One after the lost flight is a new loss.
+    for (int i = 0; i < 3; i++) {
+        send_all(f, t += 2 * MS);
+        ASSERT_TRUE(f.acked(f.base(), t + MS));
     }
-    send_all(f, t);
-    const uint64_t flight_end = f.next() - 1;
-    ASSERT_TRUE(f.expire(f.deadline_us()));
-    const double cut = f.window();
-    EXPECT_DOUBLE_EQ(cut, 16 * 0.7);
-    t = f.deadline_us();
-    send_all(f, t);
-    ASSERT_TRUE(f.acked(f.base() + 2, t + 2 * MS)) << "progress, still inside the lost flight";
-    ASSERT_LT(f.base(), flight_end);
-    const double grown = f.window();
-    ASSERT_TRUE(f.expire(f.deadline_us()));
-    EXPECT_EQ(f.consecutive_timeouts(), 1);
-    EXPECT_DOUBLE_EQ(f.window(), grown) << "the same loss cut twice";
-
-    t = f.deadline_us();
-    while (f.base() <= flight_end) {
-        send_all(f, t);
-        t += 2 * MS;
-        ASSERT_TRUE(f.acked(f.next() - 1, t));
-    }
-    send_all(f, t);
+    ASSERT_LE(f.base(), lost + 10);
     const double before = f.window();
     ASSERT_TRUE(f.expire(f.deadline_us()));
-    EXPECT_DOUBLE_EQ(f.window(), before * 0.7) << "a new loss";
+    EXPECT_EQ(f.window(), before) << "one loss cut twice";
+    for (t = f.deadline_us(); f.base() <= lost + 18; t += 2 * MS) {
+        send_all(f, t);
+        ASSERT_TRUE(f.acked(f.next() - 1, t + 2 * MS));
+    }
+    send_all(f, t);
+    const double grown = f.window();
+    ASSERT_TRUE(f.expire(f.deadline_us()));
+    EXPECT_DOUBLE_EQ(f.window(), grown * 0.7) << "a new loss";
 }
 
 TEST(Flow, AfterALossTheWindowGrowsBackByHalfAPacketPerRoundTripWithoutWaitingForBursts)
