@@ -103,14 +103,6 @@ class Stranger
             proto_encode_status_response(d.bytes.data(), d.bytes.size(), &rsp)));
         return d;
     }
-    static datagram confirmed(const sockaddr_in &dest)
-    {
-        datagram d{std::vector<uint8_t>(PROTO_CON_RSP_SIZE), dest};
-        conection_response_t rsp = {
-            {7, CONNECTION_RSPNS, 0}, SWU_CON_RES_CONNECTION_CONFIRMED, 0, 100, 1};
-        proto_encode_connection_response(d.bytes.data(), d.bytes.size(), &rsp);
-        return d;
-    }
 
   private:
     std::vector<datagram> sends_;

@@ -73,7 +73,6 @@ class TerminalLan
     }
 
     station &at(size_t i) { return *stations_.at(i); }
-    size_t size() const { return stations_.size(); }
 
     static void sh(const std::string &command) { ASSERT_EQ(system(command.c_str()), 0) << command; }
 

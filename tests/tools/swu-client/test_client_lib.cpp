@@ -283,36 +283,6 @@ TEST(ClientStatus, ReportIsReadIntoItsFieldsOrRefused)
         EXPECT_NE(swuc_parse_status(bad, strlen(bad), &st), 0) << bad;
 }
 
-// A forger on this host answers every request at once; the terminal answers
-// none. Nothing the forger sends is taken for an answer.
-TEST(ClientSession, AnswersOfAnyoneButTheTerminalAreDroppedAndCounted)
-{
-    StandIn terminal(0, 0, StandIn::SILENT);
-    swuc_session s;
-    ASSERT_NO_FATAL_FAILURE(open_to(&s, terminal));
-    s.cfg.reply_timeout_ms = 200;
-    s.cfg.status_tries = 1;
-    const sockaddr_in rx = Stranger::to("127.0.0.1", s.port[SWUC_RX]);
-    const sockaddr_in stream = Stranger::to("127.0.0.1", s.port[SWUC_STREAM]);
-    std::string finish = REPORT_STREAMING;
-    finish.replace(finish.find(R"("stage_code":2)"), 14, R"("stage_code":6)");
-    Stranger forger({Stranger::confirmed(rx), Stranger::status(finish, rx),
-                     Stranger::header(TERMINAL_REBOOT_RSPNS, rx),
-                     Stranger::header(RESTARTING_UPDATE_PROC, rx),
-                     Stranger::header(FILE_STREAM_END_RSPNS, stream)},
-                    "127.0.0.1", 0);
-    conection_response_t rsp;
-    EXPECT_NE(swuc_connect(&s, &rsp), 0);
-    swuc_status st;
-    EXPECT_NE(swuc_get_status(&s, &st), 0);
-    EXPECT_NE(swuc_reboot(&s), 0);
-    EXPECT_NE(swuc_ack_error(&s), 0);
-    EXPECT_NE(swuc_stream_end(&s), 0);
-    swuc_drain_status(&s);
-    EXPECT_EQ(s.status_reports, 0u);
-    EXPECT_GT(s.foreign, 0u);
-}
-
 TEST(ClientPolicy, EachWayOfFailingHasItsExitCode)
 {
     const std::pair<unsigned, int> by_status[] = {
