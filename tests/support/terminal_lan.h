@@ -22,7 +22,7 @@ class TerminalLan
     static constexpr const char *STRANGER = "10.77.0.66";
 
     struct station {
-        std::string id, addr, ns;
+        std::string addr, ns;
         std::unique_ptr<SimRoot> root;
         std::unique_ptr<Stm32Sim> sim;
         TestProcess swu;
@@ -53,7 +53,6 @@ class TerminalLan
     {
         auto t = std::make_unique<station>();
         const size_t n = stations_.size();
-        t->id = id;
         t->addr = "10.77.0." + std::to_string(10 + n);
         t->ns = "swu-" + std::to_string(getpid()) + "-" + std::to_string(n);
         const std::string veth = "t" + std::to_string(n);

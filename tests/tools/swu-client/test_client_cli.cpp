@@ -124,7 +124,9 @@ TEST_F(ClientCli, AnUpdateOverALossyWiFiHopInstallsTheRightFiles)
     std::string pkg =
         make_package("update-2.0.2.swu", {file_member("app.bin", app), file_member("st.bin", st),
                                           file_member("pkg_ver.txt", ver)});
-    run_result u = client(root_, {"update", "127.0.0.1:12300", pkg, "--no-reboot", "--json"});
+    run_result u =
+        client(root_, {"update", "127.0.0.1:12300", pkg, "--no-reboot", "--json", "--window", "32",
+                       "--ack-timeout", "5", "--install-timeout", "60"});
     ASSERT_EQ(u.exit_code, 0) << u.out << u.err;
     EXPECT_GT(parsed(u).value("retransmitted", 0), 0) << "no loss on the way: " << u.out;
     EXPECT_EQ(card_file("app.bin"), app);
@@ -144,6 +146,10 @@ TEST_F(ClientCli, FailedStreamGivesItsExitCodeAndTheNextCommandsClearTheError)
     EXPECT_EQ(u.exit_code, SWUC_EXIT_INCOMPLETE) << u.out << u.err;
     EXPECT_EQ(u.err, "swu-client: 127.0.0.1: packets missing at the end of the stream: invalid "
                      "stream, some packets are missing... (status code 2)\n");
+    run_result st = client(root_, {"status", "127.0.0.1"});
+    EXPECT_NE(st.out.find("\nstage      5  Terminal encountered"), std::string::npos) << st.out;
+    st = client(root_, {"status", "127.0.0.1", "--json"});
+    EXPECT_EQ(parsed(st)["status"]["status_code"], SWU_STAGE_CODE_MISSING_PCKTS) << st.out;
 
     // The terminal answers the acknowledgement at the session's own port,
     // which the command remembers; then it takes a new session.
