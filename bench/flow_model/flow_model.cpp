@@ -14,8 +14,8 @@
 //   flow_model [--seeds 200] [--size-mib 8] [--window 64] [--extra-us 200]
 // Prints, for no loss, 1 % and 5 %, the median rate and the packets resent
 // per packet lost, then the ratios the transfer benchmark prints.
+#include "lib/flow.h"
 #include "lossy_relay/impaired_line.h"
-#include "swu-client/lib/flow.h"
 
 #include <CLI/CLI.hpp>
 #include <algorithm>

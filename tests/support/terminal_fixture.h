@@ -7,13 +7,15 @@
 // network namespace of its own (the NETNS test entry).
 #pragma once
 
+#include "lib/discovery.h"
+#include "lib/session.h"
+#include "lib/stream.h"
 #include "lib/sys/le_bytes.h"
 #include "pack.h"
 #include "proto/package.h"
 #include "support/process.h"
 #include "support/sim_root.h"
 #include "support/stm32_sim.h"
-#include "swu-client/lib/swu_client.h"
 
 #include <gtest/gtest.h>
 
@@ -58,6 +60,25 @@ inline std::string test_bytes(size_t size, unsigned seed)
     return s;
 }
 
+// Lays out `root` as a terminal's file system (identity `id`, card at
+// version 1.2.3 holding `old_st` as st.bin) and starts the microcontroller
+// simulator on it, running `old_st`.
+inline std::unique_ptr<Stm32Sim> lay_out_terminal(const SimRoot &root, const TerminalSetup &setup,
+                                                  const std::string &id, const std::string &old_st)
+{
+    root.registers(setup.initiate_reg, setup.err_boot_reg, 0xFFFFFFFF);
+    root.write("dev/mtd0", "<orVanId>" + id + "</orVanId>");
+    root.write("dev/mmcblk0p1/pkg_ver.txt", "[pkg_data]\nversion=1.2.3\n");
+    root.write("dev/mmcblk0p1/st.bin", old_st);
+    root.write("dev/mmcblk0p1/old.txt", "left by an earlier update\n");
+    root.write("client/old_st.bin", old_st);
+    for (const char *dir : {"mnt", "tmp", "var/log", "work"})
+        root.mkdir(dir);
+    std::vector<std::string> sim_args = {"--image", root.path("client/old_st.bin")};
+    sim_args.insert(sim_args.end(), setup.sim_args.begin(), setup.sim_args.end());
+    return std::make_unique<Stm32Sim>(root, sim_args);
+}
+
 // One terminal per test case, in the case's own network namespace: a root
 // laid out as its file system (identity "ID", card at version 1.2.3 with an
 // old st.bin), the microcontroller simulator on its UART, the daemon in a
@@ -88,17 +109,7 @@ class TerminalTest : public ::testing::Test
     // first advertisement.
     void start(const TerminalSetup &setup = {})
     {
-        root_.registers(setup.initiate_reg, setup.err_boot_reg, 0xFFFFFFFF);
-        root_.write("dev/mtd0", "<orVanId>ID</orVanId>");
-        root_.write("dev/mmcblk0p1/pkg_ver.txt", "[pkg_data]\nversion=1.2.3\n");
-        root_.write("dev/mmcblk0p1/st.bin", old_st_bin_);
-        root_.write("dev/mmcblk0p1/old.txt", "left by an earlier update\n");
-        root_.write("client/old_st.bin", old_st_bin_);
-        for (const char *dir : {"mnt", "tmp", "var/log", "work"})
-            root_.mkdir(dir);
-        std::vector<std::string> sim_args = {"--image", root_.path("client/old_st.bin")};
-        sim_args.insert(sim_args.end(), setup.sim_args.begin(), setup.sim_args.end());
-        sim_ = std::make_unique<Stm32Sim>(root_, sim_args);
+        sim_ = lay_out_terminal(root_, setup, "ID", old_st_bin_);
         ASSERT_EQ(swuc_listen_open(&adv_, htonl(INADDR_LOOPBACK)), 0) << strerror(errno);
         std::vector<std::string> argv = {SWU_BIN_DIR "/swu"};
         argv.insert(argv.end(), setup.daemon_args.begin(), setup.daemon_args.end());

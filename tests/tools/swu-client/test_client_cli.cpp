@@ -2,12 +2,15 @@
 // microcontroller simulator: a terminal updated from discovery to the reboot
 // (the whole road of an update), and a failed update cleared with the
 // commands that follow it.
-#include "support/terminal_fixture.h"
-#include "swu-client/lib/client_update.h"
+#include "lib/fleet.h"
+#include "lib/policy.h"
+#include "lib/update.h"
+#include "support/terminal_lan.h"
 
 #include <nlohmann/json.hpp>
 
 #include <atomic>
+#include <sstream>
 #include <thread>
 
 namespace
@@ -351,6 +354,70 @@ TEST_F(ClientCli, AfterItsRebootTheTerminalIsConfirmedWithItsNewVersion)
 
     run_result u = client(root_, {"update", "127.0.0.1", v3, "--confirm-timeout", "4"});
     EXPECT_EQ(u.exit_code, SWUC_EXIT_NOT_BACK) << u.out << u.err;
+}
+
+// Two terminals on one LAN, each daemon in a namespace of its own.
+class ClientLan : public ClientCli
+{
+  protected:
+    void SetUp() override
+    {
+        ClientCli::SetUp();
+        root_.mkdir("client");
+    }
+
+    // The lines of the report file.
+    std::vector<json> report() const
+    {
+        std::vector<json> lines;
+        std::istringstream in(root_.read("client/fleet.jsonl"));
+        for (std::string line; std::getline(in, line);)
+            lines.push_back(json::parse(line, nullptr, false));
+        return lines;
+    }
+
+    TerminalLan lan_;
+};
+
+// The fleet runs to the end in both output modes: a failed canary holds the
+// rest back and spends the failure budget; then the other one updates. Every
+// terminal gets its row, its JSON entry and its report line.
+TEST_F(ClientLan, UpdateAllRunsToTheEndAndReportsEveryTerminal)
+{
+    TerminalSetup failing;
+    failing.daemon_args = {"-S"}; // its first stream end is found incomplete
+    const std::string a = lan_.add("T-A", failing);
+    const std::string b = lan_.add("T-B");
+    const std::string pkg =
+        make_package("v2.swu", {file_member("pkg_ver.txt", "[pkg_data]\nversion=2.0.0\n")});
+    const std::string report_path = root_.path("client/fleet.jsonl");
+    run_result r =
+        client(root_, {"update", "--all", pkg, "--local", TerminalLan::CLIENT, "--timeout", "4.5",
+                       "--parallel", "2", "--canary", "1", "--max-failures", "1", "--retries", "0",
+                       "--no-reboot", "--json", "--report", report_path});
+    EXPECT_EQ(r.exit_code, SWUC_EXIT_FLEET) << r.out << r.err;
+    json list = parsed(r);
+    ASSERT_TRUE(list.is_array() && list.size() == 2) << r.out;
+    EXPECT_EQ(list[0]["terminal"], a);
+    EXPECT_EQ(list[0]["result"], "failed");
+    EXPECT_EQ(list[0]["exit_code"], SWUC_EXIT_INCOMPLETE);
+    EXPECT_EQ(list[1]["identity"], "T-B");
+    EXPECT_EQ(list[1]["result"], "not started");
+    ASSERT_EQ(report().size(), 2u);
+    EXPECT_EQ(report()[1]["exit_code"], nullptr);
+
+    // The acknowledged terminal takes connections but advertises busy until
+    // its next session: skipped, and the failure budget starts afresh.
+    ASSERT_EQ(client(root_, {"ack-error", a, "--local", TerminalLan::CLIENT}).exit_code, 0);
+    r = client(root_, {"update", "--all", pkg, "--local", TerminalLan::CLIENT, "--timeout", "4.5",
+                       "--parallel", "2", "--no-reboot", "--report", report_path});
+    EXPECT_EQ(r.exit_code, 0) << r.out << r.err;
+    EXPECT_NE(r.out.find("[" + b + "] updated in "), std::string::npos) << r.out;
+    EXPECT_NE(r.out.find("\n" + a + "  T-A       1.2.3  skipped"), std::string::npos) << r.out;
+    EXPECT_NE(r.out.find("\n" + b + "  T-B       1.2.3  updated"), std::string::npos) << r.out;
+    ASSERT_EQ(report().size(), 4u);
+    EXPECT_EQ(report()[3]["outcome"], "updated");
+    EXPECT_EQ(lan_.at(1).root->read("dev/mmcblk0p1/pkg_ver.txt"), "[pkg_data]\nversion=2.0.0\n");
 }
 
 } // namespace

@@ -1,7 +1,7 @@
 // The stream's time-out estimator and window control, driven by a clock of
 // the test's own: loss bursts, delay spikes, repeated and stray
 // acknowledgements, and the care segment 1 needs.
-#include "swu-client/lib/flow.h"
+#include "lib/flow.h"
 
 #include <gtest/gtest.h>
 

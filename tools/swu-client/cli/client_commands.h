@@ -1,8 +1,12 @@
-// The commands of swu-client. Each prints its result (readable, or JSON with
-// `json`) and returns the process's exit code (swuc_exit_code).
+// The commands of swu-client, one file each. Each prints its result
+// (readable, or JSON with `json`) and returns the process's exit code
+// (swuc_exit_code).
 #pragma once
 
-#include "swu-client/lib/client_update.h"
+#include "lib/fleet.h"
+#include "lib/policy.h"
+#include "lib/remembered.h"
+#include "lib/update.h"
 
 #include <string>
 #include <vector>
@@ -13,10 +17,10 @@ struct client_options {
     uint16_t stream_port = 0; // 0: ephemeral
     int reply_timeout_ms = SWUC_DEFAULT_REPLY_TIMEOUT_MS;
     bool json = false;
-    bool force = false;           // update: send a package that would harm the terminal
-    bool dry_run = false;         // update: check everything, stream nothing
-    bool allow_downgrade = false; // update: send a package older than the installed one
-    bool reinstall = false;       // update: send the installed version again
+    bool verbose = false;  // also say what was dropped for not being the terminal's
+    bool dry_run = false;  // update: check everything, stream nothing
+    update_policy policy;  // update: what may be sent despite the checks
+    known_terminals known; // update --all: the terminals it may touch (empty: all)
 };
 
 // Shows and verifies a package without a terminal: footer, CRC, listing
@@ -27,13 +31,23 @@ int cmd_discover(const client_options &o, double timeout_s);
 int cmd_status(const client_options &o, const std::string &host);
 // `u` holds the update options; without a name, each stream attempt gets a
 // fresh one. The package is checked first: one that would harm the terminal
-// is refused unless `o.force`.
+// is refused unless `o.policy.force`.
 int cmd_update(const client_options &o, const std::string &host, const std::string &package,
                const update_params &u);
-// Discovers for `timeout_s`, updates every free terminal that the package
-// is newer for, as `fleet` allows, prints a table of the outcomes and adds a
-// JSON line per terminal to `report_path` (when not empty).
+// Discovers for `timeout_s`, updates every free terminal (every free known
+// one, with `o.known`) that the package is newer for, as `fleet` allows,
+// prints a table of the outcomes and adds a JSON line per terminal to
+// `report_path` (when not empty).
 int cmd_update_all(const client_options &o, const std::string &package, const update_params &u,
                    double timeout_s, const fleet_opts &fleet, const std::string &report_path);
 int cmd_reboot(const client_options &o, const std::string &host);
 int cmd_ack_error(const client_options &o, const std::string &host);
+
+// Refuses, before anything is sent, a package that would harm a terminal
+// (and one that it would only refuse). SWUC_EXIT_OK to go on, with the
+// package's figures in *found; otherwise the exit code and *why.
+int check_package(const client_options &o, const std::string &package, pack_report *found,
+                  std::string *why);
+// Warns when `u.name` carried another package to `t` before.
+void warn_reused_name(const client_options &o, const remembered_terminal &t, const update_params &u,
+                      const pack_report &pkg);

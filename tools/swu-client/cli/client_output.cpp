@@ -221,7 +221,8 @@ nlohmann::json outcome_json(const update_outcome &o)
                         {"check_seconds", o.check_seconds},
                         {"install_seconds", o.install_seconds},
                         {"package_name", o.name},
-                        {"package_crc", o.package_crc}};
+                        {"package_crc", o.package_crc},
+                        {"foreign", o.foreign}};
     j["status"] = o.have_status ? status_json(o.last_status) : nlohmann::json(nullptr);
     return j;
 }

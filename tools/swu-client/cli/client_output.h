@@ -3,7 +3,9 @@
 // the machine-readable results.
 #pragma once
 
-#include "swu-client/lib/client_update.h"
+#include "lib/discovery.h"
+#include "lib/stream.h"
+#include "lib/update.h"
 
 #include <nlohmann/json.hpp>
 

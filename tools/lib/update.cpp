@@ -1,4 +1,6 @@
-#include "swu-client/lib/client_update.h"
+#include "lib/update.h"
+
+#include "lib/policy.h"
 
 #include "lib/sys/le_bytes.h"
 #include "proto/package.h"
@@ -13,28 +15,6 @@
 #include <sys/stat.h>
 #include <thread>
 #include <unistd.h>
-
-const char *const swuc_exit_code_help = R"(Exit codes:
-  0   done
-  1   the command could not run here (package unreadable, no socket)
-  2   bad command line
-  3   no terminal answered (nothing heard, or no answer to a request)
-  4   the terminal is busy: another client is connected
-  5   the terminal's battery is too low for an update
-  6   the terminal refused the stream request (status code 1)
-  7   the terminal found packets missing at the end of the stream (status code 2)
-  8   the terminal could not reserve room for the package (status code 3)
-  9   the terminal could not create the package file (status code 4)
-  10  the terminal rejected the package or its installation failed
-  11  the session was lost (the terminal went back to idle or stopped answering)
-  12  no progress: acknowledgements or the installation stalled
-  13  update --all: at least one terminal failed (see the table)
-  14  the package was refused before anything was sent (--force sends it)
-  15  an unexpected error inside swu-client
-  16  the package is older than the installed version, or the same
-      (--allow-downgrade, --reinstall send it)
-  17  the terminal came back from its reboot with its old version
-  18  the terminal did not come back from its reboot within --confirm-timeout)";
 
 namespace
 {
@@ -337,8 +317,8 @@ struct updater {
                                     "after finishing");
     }
 
-    // The terminal's first advertisement as free (the finish state
-    // advertises it busy) after the reboot: back, and with which version.
+    // The terminal's first advertisement as free after it was gone (the
+    // finish state advertises it busy): back, and with which version.
     int confirm()
     {
         if (!p.reboot || p.confirm_timeout_s <= 0)
@@ -350,16 +330,18 @@ struct updater {
         if (swuc_listen_open(&l, p.local_addr) != 0)
             return fail(SWUC_EXIT_LOCAL,
                         std::string("cannot join the advertisement group: ") + strerror(errno));
+        swuc_reboot_watch watch(p.terminal, p.expected_identity, s.terminal_seq, s.heard,
+                                swuc_now_ms());
         const int64_t deadline = swuc_now_ms() + int64_t{p.confirm_timeout_s} * 1000;
         bool back = false;
         swuc_advert a;
         for (int64_t left; !back && (left = deadline - swuc_now_ms()) > 0;) {
             if (swuc_listen_next(&l, &a, static_cast<int>(left)) != 0)
                 break;
-            back = a.sender.sin_addr.s_addr == p.terminal.sin_addr.s_addr &&
-                   a.adv.connection_status == SWU_CON_STATUS_AVAIL;
+            back = watch.heard(a, swuc_now_ms());
         }
         swuc_listen_close(&l);
+        out.foreign += watch.foreign();
         if (!back) {
             out.confirmation = "not back";
             return fail(SWUC_EXIT_NOT_BACK, "the terminal did not come back within " +
@@ -435,27 +417,6 @@ struct updater {
 
 } // namespace
 
-int swuc_exit_for_status(unsigned status_code)
-{
-    switch (status_code) {
-    case SWU_STAGE_CODE_INVL_STREAM_REQ:
-        return SWUC_EXIT_REFUSED;
-    case SWU_STAGE_CODE_MISSING_PCKTS:
-        return SWUC_EXIT_INCOMPLETE;
-    case SWU_STAGE_CODE_MEM_ALLOC_FAILURE:
-        return SWUC_EXIT_NO_MEMORY;
-    case SWU_STAGE_CODE_FS_FAILURE:
-        return SWUC_EXIT_FS_FAILURE;
-    default:
-        return SWUC_EXIT_INSTALL;
-    }
-}
-
-bool swuc_retryable(int exit_code)
-{
-    return exit_code == SWUC_EXIT_STALLED || exit_code == SWUC_EXIT_INCOMPLETE;
-}
-
 std::string swuc_attempt_name(const std::string &path, uint64_t size, uint32_t crc, int attempt)
 {
     char tail[64];
@@ -482,52 +443,6 @@ update_outcome run_update(const update_params &params, const update_events &even
     updater u(params, events);
     u.run();
     u.out.total_seconds = seconds_since(start);
+    u.out.foreign += u.s.foreign;
     return u.out;
-}
-
-std::string describe_status(const swuc_status &st)
-{
-    return st.stage_description + " (stage " + std::to_string(st.stage_code) + ", status " +
-           std::to_string(st.status_code) + ": " + st.status_message + ")";
-}
-
-std::vector<fleet_fate> swuc_run_fleet(size_t n, const fleet_opts &o,
-                                       const std::function<bool(size_t)> &update,
-                                       std::vector<std::string> *why)
-{
-    std::vector<fleet_fate> fate(n, FLEET_NOT_STARTED);
-    why->assign(n, "");
-    std::atomic<int> failures{0};
-    auto wave = [&](size_t begin, size_t end) {
-        std::atomic<size_t> next{begin};
-        auto worker = [&] {
-            for (size_t i = next++; i < end; i = next++) {
-                if (o.max_failures > 0 && failures >= o.max_failures) {
-                    (*why)[i] = "not started: " + std::to_string(o.max_failures) +
-                                " failures, the budget is spent";
-                    continue;
-                }
-                fate[i] = update(i) ? FLEET_UPDATED : FLEET_FAILED;
-                if (fate[i] == FLEET_FAILED)
-                    failures++;
-            }
-        };
-        std::vector<std::thread> threads;
-        const size_t count =
-            std::min<size_t>(static_cast<size_t>(std::max(o.parallel, 1)), end - begin);
-        for (size_t t = 0; t < count; t++)
-            threads.emplace_back(worker);
-        for (std::thread &t : threads)
-            t.join();
-    };
-    const size_t canary = std::min<size_t>(static_cast<size_t>(std::max(o.canary, 0)), n);
-    wave(0, canary);
-    if (std::any_of(fate.begin(), fate.begin() + static_cast<std::ptrdiff_t>(canary),
-                    [](fleet_fate f) { return f != FLEET_UPDATED; })) {
-        for (size_t i = canary; i < n; i++)
-            (*why)[i] = "not started: the canary wave failed";
-        return fate;
-    }
-    wave(canary, n);
-    return fate;
 }

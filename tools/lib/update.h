@@ -7,46 +7,15 @@
 // request or its answer was lost) and when a stream can be started over.
 #pragma once
 
-#include "swu-client/lib/swu_client.h"
+#include "lib/exit_codes.h"
+#include "lib/session.h"
+#include "lib/stream.h"
 
 #include <cstdint>
 #include <functional>
 #include <netinet/in.h>
 #include <string>
 #include <vector>
-
-// Exit codes of swu-client, one per way an operation can end.
-enum swuc_exit_code : int {
-    SWUC_EXIT_OK = 0,
-    SWUC_EXIT_LOCAL = 1,         // the command could not run here (file, socket)
-    SWUC_EXIT_USAGE = 2,         // bad command line
-    SWUC_EXIT_NO_ANSWER = 3,     // no terminal answered
-    SWUC_EXIT_BUSY = 4,          // another client is connected
-    SWUC_EXIT_BATTERY = 5,       // the terminal's battery is too low
-    SWUC_EXIT_REFUSED = 6,       // stream request refused (status code 1)
-    SWUC_EXIT_INCOMPLETE = 7,    // the terminal found packets missing (status code 2)
-    SWUC_EXIT_NO_MEMORY = 8,     // the terminal could not reserve the package (status code 3)
-    SWUC_EXIT_FS_FAILURE = 9,    // the terminal could not create the package file (status code 4)
-    SWUC_EXIT_INSTALL = 10,      // package check or installation failed
-    SWUC_EXIT_SESSION_LOST = 11, // the terminal dropped the session or stopped answering
-    SWUC_EXIT_STALLED = 12,      // the transfer or the installation made no progress
-    SWUC_EXIT_FLEET = 13,        // update --all: at least one terminal failed
-    SWUC_EXIT_PACKAGE = 14,      // the package would harm the terminal; nothing was sent
-    SWUC_EXIT_INTERNAL = 15,     // an unexpected error inside the client
-    SWUC_EXIT_VERSION = 16,      // the package is not newer than the installed version
-    SWUC_EXIT_OLD_VERSION = 17,  // the terminal came back from its reboot with another version
-    SWUC_EXIT_NOT_BACK = 18,     // the terminal did not come back from its reboot in time
-};
-
-// The exit-code table of the help text.
-extern const char *const swuc_exit_code_help;
-
-// The exit code for an error report with status code `status_code`.
-int swuc_exit_for_status(unsigned status_code);
-
-// True for the failures after which a stream is started over: packets went
-// missing, or the stream stalled.
-bool swuc_retryable(int exit_code);
 
 struct update_params {
     sockaddr_in terminal = {};
@@ -68,6 +37,9 @@ struct update_params {
     // (0: don't), and expect it to name this version ("": any).
     int confirm_timeout_s = 90;
     std::string expected_version;
+    // The identity the terminal advertised before the update: only it counts
+    // as the terminal coming back ("": not known, any identity does).
+    std::string expected_identity;
 };
 
 // What the caller hears while the update runs; any member may be empty.
@@ -97,6 +69,7 @@ struct update_outcome {
     uint16_t stream_port = 0;
     std::string name;         // the name of the last stream requested; "" when none was
     uint32_t package_crc = 0; // as its footer records it
+    uint64_t foreign = 0;     // datagrams and advertisements dropped: not the terminal's
 };
 
 // The name under which stream attempt `attempt` (1, 2, ...) of a package
@@ -111,23 +84,5 @@ std::string swuc_attempt_name(const std::string &path, uint64_t size, uint32_t c
 // when it is too short to have a footer.
 uint32_t swuc_footer_crc(const uint8_t *data, uint64_t size);
 
-// A fleet's rollout: the first `canary` jobs go first, and the rest start
-// only when all of them succeeded; no job starts once `max_failures` have
-// failed (0: no limit); at most `parallel` run at once.
-struct fleet_opts {
-    int parallel = 4;
-    int canary = 0;
-    int max_failures = 0;
-};
-enum fleet_fate { FLEET_NOT_STARTED, FLEET_UPDATED, FLEET_FAILED };
-// Runs update(i) (true when it succeeded) for jobs 0..n-1 as `o` allows. Each
-// job's fate; a job not started gets its reason in (*why)[i].
-std::vector<fleet_fate> swuc_run_fleet(size_t n, const fleet_opts &o,
-                                       const std::function<bool(size_t)> &update,
-                                       std::vector<std::string> *why);
-
 // Runs one update to its end. Never throws; every failure is in the outcome.
 update_outcome run_update(const update_params &params, const update_events &events);
-
-// A status report in words: "<stage description> (stage N, status M: text)".
-std::string describe_status(const swuc_status &st);

@@ -1,20 +1,23 @@
-// The client side of the terminal's update protocol, for the technician's
-// tool, the integration tests and the transfer benchmark.
+// A session with one terminal: its two sockets, the requests of the protocol
+// and the answers to them.
 //
-// A client finds a terminal by its multicast advertisement, connects to its
-// protocol port from two UDP sockets of its own and announces both ports in
-// the connection request: the terminal answers connection, status, restart
-// and reboot requests to the rx socket, and the stream request, the packet
-// acknowledgements and the stream end to the stream socket. The session stays
-// alive only while the terminal answers a status request at least every
-// 5 seconds; every long operation here asks for status on its own at least
-// every `keepalive_ms`.
+// A client connects to the terminal's protocol port from two UDP sockets of
+// its own and announces both ports in the connection request: the terminal
+// answers connection, status, restart and reboot requests to the rx socket,
+// and the stream request, the packet acknowledgements and the stream end to
+// the stream socket. The session stays alive only while the terminal answers
+// a status request at least every 5 seconds; every long operation here asks
+// for status on its own at least every `keepalive_ms`.
+//
+// Every answer is taken only from the terminal's address and protocol port;
+// anything else that reaches the sockets is dropped and counted.
 //
 // Results follow the system's convention: 0 on success, -1 on failure (errno
 // ETIMEDOUT when the terminal did not answer in time). Nothing here prints.
 #pragma once
 
-#include "lib/sys/unique_fd.h"
+#include "lib/status.h"
+#include "lib/transport.h"
 #include "proto/codes.h"
 #include "proto/protocol.h"
 
@@ -25,59 +28,12 @@
 #include <string>
 #include <sys/types.h>
 
-// The defaults of every user of this library, swu-client among them. The
-// stage and status codes of the reports are those of proto/codes.h.
+// The defaults of every user of this library, swu-client among them.
 inline constexpr uint32_t SWUC_DEFAULT_WINDOW = 64;        // most packets in flight
 inline constexpr int SWUC_DEFAULT_ACK_TIMEOUT_MS = 2;      // floor of the adaptive time-out
 inline constexpr int SWUC_DEFAULT_REPLY_TIMEOUT_MS = 1000; // wait for one answer
 // The terminal keeps a silent session for 5 s; status is asked every second.
 inline constexpr int SWUC_DEFAULT_KEEPALIVE_MS = 1000;
-
-// ---------------------------------------------------------------- discovery
-
-struct swuc_advert {
-    self_adv_t adv;
-    sockaddr_in sender; // where the advertisement came from
-};
-
-// Listens for advertisements on the multicast group.
-struct swuc_listener {
-    int fd = -1;
-};
-
-// Joins the advertisement group on the interface of `interface_addr`
-// (network order; INADDR_ANY lets the system choose). 0 or -1.
-int swuc_listen_open(swuc_listener *listener, in_addr_t interface_addr);
-// Waits at most `timeout_ms` for the next well-formed advertisement. 0 with
-// *out filled, or -1 (errno ETIMEDOUT when none came).
-int swuc_listen_next(swuc_listener *listener, swuc_advert *out, int timeout_ms);
-void swuc_listen_close(swuc_listener *listener);
-
-// The terminal's identity text of an advertisement (at most 32 bytes, the
-// advertised length bounded by the field).
-std::string swuc_advert_id(const self_adv_t &adv);
-// Where to send requests: the advertisement's sender address at its rx_port.
-sockaddr_in swuc_advert_terminal(const swuc_advert &advert);
-
-// ------------------------------------------------------------------ status
-
-// One status report, decoded.
-struct swuc_status {
-    unsigned battery_status = 0;
-    unsigned status_code = 0;
-    std::string status_message;
-    unsigned stage_code = 0;
-    std::string stage_description;
-    unsigned stage_progress = 0;
-    unsigned stage_complete = 0;
-    std::string text; // the report as received
-};
-
-// Decodes the report text (`len` bytes, no terminator needed). 0, or -1 when
-// it is not a JSON object holding every field with its type.
-int swuc_parse_status(const char *text, size_t len, swuc_status *out);
-
-// ----------------------------------------------------------------- session
 
 struct swuc_config {
     sockaddr_in terminal = {};         // address and protocol port of the terminal
@@ -106,6 +62,9 @@ struct swuc_session {
     int64_t status_sent_ms = 0; // when the last status request went out
     swuc_status last_status;    // the latest report received
     uint64_t status_reports = 0;
+    uint64_t foreign = 0;      // datagrams dropped: not from the terminal's address and port
+    bool heard = false;        // something came from the terminal
+    uint16_t terminal_seq = 0; // the sequence number of its latest datagram
 
     swuc_session() = default;
     ~swuc_session();
@@ -133,48 +92,9 @@ int swuc_get_status(swuc_session *s, swuc_status *out);
 int swuc_stream_request(swuc_session *s, const char *name, uint64_t size,
                         file_transfer_response_t *rsp);
 
-struct swuc_stream_opts {
-    uint32_t window = SWUC_DEFAULT_WINDOW; // most packets in flight; 1 is stop-and-wait
-    // Floor of the acknowledgement time-out, which otherwise follows the
-    // measured round trip.
-    int ack_timeout_ms = SWUC_DEFAULT_ACK_TIMEOUT_MS;
-    int stall_ms = 5000; // without an acknowledgement that moves on: give up
-};
-
-struct swuc_progress {
-    uint64_t total_bytes = 0;
-    uint64_t acked_bytes = 0;
-    uint64_t total_packets = 0;
-    uint64_t acked_packets = 0;
-    uint64_t sent_packets = 0; // retransmissions included
-    uint64_t retransmitted = 0;
-    uint32_t timeouts = 0;
-};
-using swuc_progress_fn = std::function<void(const swuc_progress &)>;
-
-// Streams `size` bytes as packets of PROTO_PAYLOAD_MAX, segment 1 first,
-// going back to the oldest unacknowledged packet when its acknowledgement is
-// overdue, with a window that adapts to the link (swuc_flow), asking for
-// status on the way. `on_progress` (may be empty) is called as
-// acknowledgements arrive, at most every 100 ms and once at the end. 0 when
-// every packet was acknowledged, or -1 (*progress tells how far it got).
-int swuc_stream_data(swuc_session *s, const uint8_t *data, uint64_t size,
-                     const swuc_stream_opts *opts, const swuc_progress_fn &on_progress,
-                     swuc_progress *progress);
-
 // Closes the stream. 0 when the terminal confirmed it complete; -1 when it
 // did not answer (an incomplete stream: the status report says why).
 int swuc_stream_end(swuc_session *s);
-
-// Maps the file at `path` read-only into *map (nothing for an empty file):
-// 0, or -1 with the reason in *err (errno kept).
-int swuc_map_file(const char *path, unique_map *map, std::string *err);
-
-// Stream request, data and stream end for the file at `path`, announced as
-// `name`. 0 or -1; *progress (may be null) receives the transfer's figures.
-int swuc_send_file(swuc_session *s, const char *path, const char *name,
-                   const swuc_stream_opts *opts, const swuc_progress_fn &on_progress,
-                   swuc_progress *progress);
 
 struct swuc_follow_opts {
     int poll_ms = 500;       // status interval while waiting
@@ -206,16 +126,21 @@ int swuc_send_header(swuc_session *s, swuc_channel from, uint8_t opcode);
 // One packet transfer from the stream socket.
 int swuc_send_packet(swuc_session *s, uint64_t seg_number, uint64_t seg_count,
                      const uint8_t *payload, size_t payload_len);
-// Receives one datagram on `ch`, waiting at most `timeout_ms`. Its length, or
-// -1 (errno ETIMEDOUT when nothing came). `from` may be null.
-ssize_t swuc_recv(swuc_session *s, swuc_channel ch, uint8_t *buf, size_t cap, int timeout_ms,
-                  sockaddr_in *from = nullptr);
+// Receives one datagram of the terminal on `ch`, waiting at most
+// `timeout_ms`; datagrams of other senders are dropped and counted. Its
+// length, or -1 (errno ETIMEDOUT when nothing came).
+ssize_t swuc_recv(swuc_session *s, swuc_channel ch, uint8_t *buf, size_t cap, int timeout_ms);
+// Takes one datagram that arrived from `from`: false (and counted) when it
+// is not the terminal's; otherwise notes its sequence number.
+bool swuc_accept(swuc_session *s, const sockaddr_in &from, const uint8_t *buf, size_t len);
 // Receives on `ch` until a datagram with `opcode` arrives, for at most
 // `timeout_ms`; others are dropped, except status reports, which are kept as
 // s->last_status. Its length, or -1.
 ssize_t swuc_await(swuc_session *s, swuc_channel ch, uint8_t opcode, uint8_t *buf, size_t cap,
                    int timeout_ms);
-
-// Milliseconds of the monotonic clock.
-int64_t swuc_now_ms();
-int64_t swuc_now_us();
+// Keeps a status report that arrived while waiting for something else.
+void swuc_take_status(swuc_session *s, const uint8_t *buf, size_t len);
+// Takes whatever waits on the rx socket now, keeping status reports.
+void swuc_drain_status(swuc_session *s);
+// Sends a status request when one is due, without waiting for the answer.
+void swuc_keep_alive(swuc_session *s, int64_t now_ms);

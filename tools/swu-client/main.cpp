@@ -1,6 +1,10 @@
 // swu-client: the technician's tool for the terminal's update service.
-#include "client_commands.h"
+#include "cli/client_commands.h"
 #include "common/printable.h"
+
+#include <fstream>
+#include <iostream>
+#include <sstream>
 
 #include <CLI/CLI.hpp>
 
@@ -13,9 +17,11 @@ int run(int argc, char **argv)
 {
     CLI::App app{"swu-client: finds terminals in update mode, reads their status and updates "
                  "them.\nHOST is an IPv4 address or name, optionally with :PORT (default 12226)."};
-    app.require_subcommand(1);
+    app.require_subcommand(0, 1);
     app.option_defaults()->always_capture_default();
-    app.footer(swuc_exit_code_help);
+    app.footer(swuc_exit_code_help());
+    bool exit_codes = false;
+    app.add_flag("--exit-codes", exit_codes, "print the exit codes and their meanings");
 
     client_options o;
     update_params u;
@@ -31,6 +37,9 @@ int run(int argc, char **argv)
                         "local IPv4 address to send from and to join the advertisement group on");
         cmd->add_flag("--json", o.json,
                       "print one machine-readable result (JSON) and nothing else");
+        cmd->add_flag("-v,--verbose", o.verbose,
+                      "also say how many datagrams were dropped for not coming from the "
+                      "terminal's address and port");
         cmd->add_option("--reply-timeout", o.reply_timeout_ms,
                         "milliseconds to wait for each answer")
             ->check(CLI::Range(50, 60000));
@@ -75,6 +84,13 @@ int run(int argc, char **argv)
         ->check(CLI::Range(0, 100000));
     update->add_option("--report", report_path,
                        "with --all: add one JSON line per terminal to this file");
+    std::string only, inventory;
+    update->add_option("--only", only,
+                       "with --all: update only the terminals of these identities (ID,ID,...); "
+                       "others heard are listed apart and left alone");
+    update->add_option("--inventory", inventory,
+                       "with --all: update only the terminals listed in this file, one a line: "
+                       "IDENTITY [ADDRESS]");
     update->add_flag("--no-confirm", no_confirm,
                      "don't wait for the terminal to come back after its reboot");
     update
@@ -105,10 +121,10 @@ int run(int argc, char **argv)
     update->add_flag("--dry-run", o.dry_run,
                      "connect and check everything an update would (package, free or busy, "
                      "battery, versions), send nothing, and let the session lapse");
-    update->add_flag("--allow-downgrade", o.allow_downgrade,
+    update->add_flag("--allow-downgrade", o.policy.allow_downgrade,
                      "send a package older than the installed version");
-    update->add_flag("--reinstall", o.reinstall, "send a package of the installed version");
-    update->add_flag("--force", o.force,
+    update->add_flag("--reinstall", o.policy.reinstall, "send a package of the installed version");
+    update->add_flag("--force", o.policy.force,
                      "send a package that would harm the terminal (names its card can't hold, "
                      "an empty or oversized st.bin, a bad CRC)");
     bool no_reboot = false;
@@ -138,7 +154,32 @@ int run(int argc, char **argv)
         int rc = app.exit(e);
         return rc == 0 ? SWUC_EXIT_OK : SWUC_EXIT_USAGE;
     }
+    if (exit_codes) {
+        puts(swuc_exit_code_help().c_str());
+        return SWUC_EXIT_OK;
+    }
+    if (app.get_subcommands().empty()) {
+        fprintf(stderr, "swu-client: a command is required\n%s", app.help().c_str());
+        return SWUC_EXIT_USAGE;
+    }
     u.reboot = !no_reboot;
+    if (!only.empty() && !inventory.empty()) {
+        fprintf(stderr, "swu-client: --only and --inventory exclude each other\n");
+        return SWUC_EXIT_USAGE;
+    }
+    if (!only.empty())
+        o.known = known_terminals::from_list(only);
+    if (!inventory.empty()) {
+        std::ifstream in(inventory);
+        std::stringstream text;
+        text << in.rdbuf();
+        std::string err;
+        if (!in || !known_terminals::from_inventory(text.str(), &o.known, &err)) {
+            fprintf(stderr, "swu-client: inventory '%s': %s\n", printable(inventory).c_str(),
+                    in ? err.c_str() : "cannot read it");
+            return SWUC_EXIT_USAGE;
+        }
+    }
     if (no_confirm)
         u.confirm_timeout_s = 0;
 

@@ -1,4 +1,4 @@
-#include "swu-client/lib/flow.h"
+#include "lib/flow.h"
 
 #include <algorithm>
 #include <cmath>
