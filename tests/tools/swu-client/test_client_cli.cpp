@@ -5,6 +5,7 @@
 #include "lib/fleet.h"
 #include "lib/policy.h"
 #include "lib/update.h"
+#include "support/forged_terminal.h"
 #include "support/terminal_lan.h"
 
 #include <nlohmann/json.hpp>
@@ -163,48 +164,6 @@ TEST_F(ClientCli, FailedStreamGivesItsExitCodeAndTheNextCommandsClearTheError)
     EXPECT_EQ(u.err, "");
     EXPECT_EQ(card_file("b.bin"), "b");
 }
-
-// Advertises, until destroyed, a terminal whose identity is `identity`.
-class ForgedTerminal
-{
-  public:
-    explicit ForgedTerminal(const std::string &identity)
-    {
-        self_adv_t adv = {};
-        adv.hdr.opcode = SWU_SELF_ADVERTISE_OPCD;
-        adv.rx_port = PROTO_SWU_PORT;
-        adv.orvanID_len = static_cast<uint8_t>(identity.size());
-        memcpy(adv.orvanID, identity.data(), std::min(identity.size(), sizeof adv.orvanID));
-        EXPECT_EQ(proto_encode_self_adv(datagram_, sizeof datagram_, &adv), int(sizeof datagram_));
-        thread_ = std::thread([this] { run(); });
-    }
-    ~ForgedTerminal()
-    {
-        stop_ = true;
-        thread_.join();
-    }
-
-  private:
-    void run()
-    {
-        unique_fd fd(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
-        in_addr lo = {htonl(INADDR_LOOPBACK)};
-        setsockopt(fd.get(), IPPROTO_IP, IP_MULTICAST_IF, &lo, sizeof lo);
-        sockaddr_in to = {};
-        to.sin_family = AF_INET;
-        to.sin_port = htons(PROTO_ADV_PORT);
-        inet_pton(AF_INET, PROTO_ADV_GROUP, &to.sin_addr);
-        while (!stop_) {
-            sendto(fd.get(), datagram_, sizeof datagram_, 0, reinterpret_cast<sockaddr *>(&to),
-                   sizeof to);
-            std::this_thread::sleep_for(100ms);
-        }
-    }
-
-    uint8_t datagram_[PROTO_SELF_ADV_SIZE] = {};
-    std::atomic<bool> stop_{false};
-    std::thread thread_;
-};
 
 // What a terminal sends is shown, never obeyed: no escape sequence reaches
 // the technician's screen, and text that is not UTF-8 does not end the tool.

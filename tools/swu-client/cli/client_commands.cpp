@@ -1,6 +1,7 @@
 #include "client_commands.h"
 
 #include "cli_common.h"
+#include "client_output.h"
 #include "common/printable.h"
 #include "pack.h"
 #include "proto/package.h"
@@ -53,27 +54,9 @@ int cmd_check(const client_options &o, const std::string &package)
     char crc[16], mcu_crc[16];
     snprintf(crc, sizeof crc, "0x%08X", pkg.footer_crc);
     snprintf(mcu_crc, sizeof mcu_crc, "0x%08X", pkg.mcu_image_crc32);
-    if (o.json) {
-        json members = json::array(), found = json::array();
-        for (const pack_listed &m : pkg.members)
-            members.push_back(
-                {{"name", m.name}, {"kind", pack_kind_name(m.kind)}, {"size", m.size}});
-        for (const pack_finding &f : findings)
-            found.push_back({{"refuse", f.refuse}, {"text", f.text}});
-        json j = {{"size", pkg.package_size},
-                  {"artifacts_bitmask", pkg.artifacts_bitmask},
-                  {"footer_crc", pkg.footer_crc},
-                  {"payload_crc", pkg.payload_crc},
-                  {"members", members},
-                  {"findings", found},
-                  {"version", pkg.has_version ? pack_version_text(pkg.version) : ""},
-                  {"st_bin", pkg.has_mcu_image ? json{{"size", pkg.mcu_image_size},
-                                                      {"crc32", pkg.mcu_image_crc32}}
-                                               : json(nullptr)},
-                  {"signed", !pkg.manifest_sig.empty()},
-                  {"result", refused ? "refused" : "ok"}};
-        return finish(o, package, j, refused ? SWUC_EXIT_PACKAGE : SWUC_EXIT_OK, "");
-    }
+    if (o.json)
+        return finish(o, package, package_json(pkg, findings),
+                      refused ? SWUC_EXIT_PACKAGE : SWUC_EXIT_OK, "");
     printf("package    %s, %llu bytes\n", printable(package).c_str(),
            static_cast<unsigned long long>(pkg.package_size));
     printf("footer     bitmask 0x%X, crc %s\n", pkg.artifacts_bitmask, crc);

@@ -1,0 +1,86 @@
+// swu-console: the technician's console, a page in the browser that shows
+// every terminal heard and rolls a package out with live progress.
+#include "console_server.h"
+
+#include <CLI/CLI.hpp>
+
+#include <csignal>
+#include <cstdlib>
+#include <filesystem>
+#include <sys/stat.h>
+
+namespace
+{
+
+void on_signal(int)
+{
+    stop_console();
+}
+
+// "ADDR:PORT" into its parts; false when it is not one.
+bool split_listen(const std::string &text, console_config *cfg)
+{
+    const size_t colon = text.rfind(':');
+    if (colon == std::string::npos || colon == 0)
+        return false;
+    char *end = nullptr;
+    const long port = strtol(text.c_str() + colon + 1, &end, 10);
+    if (*end != '\0' || port < 1 || port > 65535)
+        return false;
+    cfg->host = text.substr(0, colon);
+    cfg->port = static_cast<int>(port);
+    return true;
+}
+
+} // namespace
+
+int main(int argc, char **argv)
+{
+    CLI::App app{"swu-console: a page in the browser that shows the terminals heard and updates "
+                 "them.\nOpen the address it prints. Closing the page never stops an update."};
+    std::string listen = "127.0.0.1:8080", local;
+    console_config cfg;
+    app.add_option("--listen", listen,
+                   "ADDR:PORT to serve on; any address but loopback requires the token printed "
+                   "at start")
+        ->capture_default_str();
+    app.add_option("--packages", cfg.packages_dir,
+                   "the directory of packages the page may choose from (the only one it reaches)")
+        ->check(CLI::ExistingDirectory);
+    app.add_option("--local", local,
+                   "local IPv4 address to send from and to join the advertisement group on");
+    CLI11_PARSE(app, argc, argv);
+    if (!split_listen(listen, &cfg)) {
+        fprintf(stderr, "swu-console: --listen takes ADDR:PORT, not '%s'\n", listen.c_str());
+        return 2;
+    }
+    if (!console_loopback(cfg.host))
+        cfg.token = console_token();
+
+    // Uploads stay in a directory of the console's own, gone at its end.
+    char tmpl[] = "/tmp/swu-console.XXXXXX";
+    if (mkdtemp(tmpl) == nullptr) {
+        perror("swu-console: mkdtemp");
+        return 1;
+    }
+    cfg.uploads_dir = tmpl;
+
+    console_backend backend(local);
+    console_state state(&backend);
+    std::string err;
+    int rc = 1;
+    if (!state.start(&err)) {
+        fprintf(stderr, "swu-console: %s\n", err.c_str());
+    } else {
+        signal(SIGINT, on_signal);
+        signal(SIGTERM, on_signal);
+        signal(SIGPIPE, SIG_IGN);
+        rc = run_console(cfg, &state, &backend);
+        if (state.rollout_running())
+            fprintf(stderr, "swu-console: ending when the running rollout ends\n");
+    }
+    state.stop();
+    std::error_code ec;
+    std::filesystem::remove_all(cfg.uploads_dir, ec);
+    return rc;
+}
