@@ -109,10 +109,12 @@ class ConsoleTest : public TerminalTest
         return false;
     }
 
-    // Plays the terminal's boot: the daemon again once the last one ended.
-    void reboot_daemon()
+    // Plays the terminal's boot: the daemon again, `boot` after the last one
+    // ended.
+    void reboot_daemon(std::chrono::milliseconds boot = 0ms)
     {
         ASSERT_TRUE(swu_.wait_end(60s * SLOW)) << "no reboot: " << get("/api/state").dump(1);
+        std::this_thread::sleep_for(boot);
         ASSERT_TRUE(next_.start({SWU_BIN_DIR "/swu"}, root_.path("work")));
     }
 
@@ -291,6 +293,34 @@ TEST_F(ConsoleTest, DryRunThenOneConfirmedRolloutAtATimeToTheTerminalsConfirmati
     EXPECT_EQ(line["outcome"], "updated");
     EXPECT_EQ(line["confirmation"], "confirmed");
     EXPECT_EQ(std::count(r->body.begin(), r->body.end(), '\n'), 1);
+}
+
+// The page in headless Chromium (tests/tools/swu-console/browser_update.py):
+// a forged name full of markup and escapes shows as text, and an update is
+// followed from the package's check to the terminal's confirmation. The
+// screenshot of the finished page stays in the build directory.
+TEST_F(ConsoleTest, ABrowserFollowsAnUpdateToTheConfirmation)
+{
+    ASSERT_NO_FATAL_FAILURE(start());
+    const std::string forged_name = "<img src=x onerror=alert(1)>\x1b[2J";
+    ForgedTerminal forged(forged_name, 12999);
+    make_package("packages/v2.swu",
+                 {file_member("pkg_ver.txt", "[pkg_data]\nversion=2.0.0\n"),
+                  file_member("app.bin", test_bytes(4 << 20, 8)), file_member("st.bin", "st")});
+    const std::string url = start_console();
+    root_.mkdir("client/downloads");
+    TestProcess browser;
+    ASSERT_TRUE(browser.start(
+        {"/usr/bin/python3", SWU_SOURCE_DIR "/tests/tools/swu-console/browser_update.py", url,
+         SWU_BIN_DIR "/../console.png", root_.path("client/downloads"), forged_name},
+        root_.dir()));
+    for (int i = 0; i < 600 * SLOW && !swu_.ended() && !browser.ended(); i++)
+        std::this_thread::sleep_for(100ms);
+    ASSERT_FALSE(browser.ended()) << browser.output();
+    ASSERT_NO_FATAL_FAILURE(reboot_daemon(2s));
+    ASSERT_TRUE(browser.wait_end(150s * SLOW)) << browser.output();
+    EXPECT_EQ(browser.exit_code(), 0) << browser.output();
+    EXPECT_EQ(card_file("pkg_ver.txt"), "[pkg_data]\nversion=2.0.0\n");
 }
 
 } // namespace

@@ -56,27 +56,46 @@ function say(text, bad) {
 
 // ---------------------------------------------------------------- terminals
 
+// Rows are kept by terminal and updated in place, so that a click or a
+// selection is never lost to the next update.
+const rows = new Map();
+
+function terminalRow(key) {
+  const tr = el('tr');
+  const box = el('input');
+  box.type = 'checkbox';
+  box.addEventListener('change', () => {
+    box.checked ? selected.add(key) : selected.delete(key);
+  });
+  const cell = el('td');
+  cell.append(box);
+  tr.append(cell);
+  for (let i = 0; i < 6; i++) tr.append(el('td'));
+  return tr;
+}
+
 function drawTerminals() {
   const body = $('terminals').tBodies[0];
-  body.replaceChildren();
   $('no-terminals').hidden = state.terminals.length > 0;
+  const now = new Set();
   for (const t of state.terminals) {
-    const tr = el('tr');
-    if (t.silent_s > SILENT_S) tr.className = 'silent';
-    const box = el('input');
-    box.type = 'checkbox';
-    box.checked = selected.has(t.key);
-    box.addEventListener('change', () => {
-      box.checked ? selected.add(t.key) : selected.delete(t.key);
-    });
-    const cell = el('td');
-    cell.append(box);
-    tr.append(cell, el('td', t.identity), el('td', t.name), el('td', t.installed_version),
-              el('td', t.busy ? 'busy' : 'free', t.busy ? 'busy' : 'free'),
-              el('td', reasons(t.reasons)),
-              el('td', t.silent_s > SILENT_S ? 'silent for ' + duration(t.silent_s)
-                                             : Math.round(t.silent_s) + ' s ago'));
-    body.append(tr);
+    now.add(t.key);
+    if (!rows.has(t.key)) {
+      rows.set(t.key, terminalRow(t.key));
+      body.append(rows.get(t.key));
+    }
+    const tr = rows.get(t.key);
+    const silent = t.silent_s > SILENT_S;
+    tr.className = silent ? 'silent' : '';
+    tr.cells[0].firstChild.checked = selected.has(t.key);
+    const cells = [t.identity, t.name, t.installed_version, t.busy ? 'busy' : 'free',
+                   reasons(t.reasons),
+                   silent ? 'silent for ' + duration(t.silent_s) : Math.round(t.silent_s) + ' s ago'];
+    cells.forEach((text, i) => { tr.cells[i + 1].textContent = text; });
+    tr.cells[4].className = t.busy ? 'busy' : 'free';
+  }
+  for (const [key, tr] of rows) {
+    if (!now.has(key)) { tr.remove(); rows.delete(key); }
   }
 }
 
