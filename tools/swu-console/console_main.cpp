@@ -4,10 +4,15 @@
 
 #include <CLI/CLI.hpp>
 
+#include <cerrno>
 #include <csignal>
 #include <cstdlib>
+#include <cstring>
+#include <fcntl.h>
 #include <filesystem>
+#include <sched.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 namespace
 {
@@ -32,6 +37,19 @@ bool split_listen(const std::string &text, console_config *cfg)
     return true;
 }
 
+bool join_netns(const std::string &path, std::string *err)
+{
+    const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    if (fd < 0 || setns(fd, CLONE_NEWNET) != 0) {
+        *err = "cannot join the network namespace " + path + ": " + strerror(errno);
+        if (fd >= 0)
+            close(fd);
+        return false;
+    }
+    close(fd);
+    return true;
+}
+
 } // namespace
 
 int main(int argc, char **argv)
@@ -49,6 +67,10 @@ int main(int argc, char **argv)
         ->check(CLI::ExistingDirectory);
     app.add_option("--local", local,
                    "local IPv4 address to send from and to join the advertisement group on");
+    std::string netns;
+    app.add_option("--netns", netns,
+                   "reach the terminals in this network namespace (a /proc/PID/ns/net path), "
+                   "while the page is served where the console started");
     CLI11_PARSE(app, argc, argv);
     if (!split_listen(listen, &cfg)) {
         fprintf(stderr, "swu-console: --listen takes ADDR:PORT, not '%s'\n", listen.c_str());
@@ -67,18 +89,26 @@ int main(int argc, char **argv)
 
     console_backend backend(local);
     console_state state(&backend);
-    std::string err;
-    int rc = 1;
-    if (!state.start(&err)) {
-        fprintf(stderr, "swu-console: %s\n", err.c_str());
-    } else {
-        signal(SIGINT, on_signal);
-        signal(SIGTERM, on_signal);
-        signal(SIGPIPE, SIG_IGN);
-        rc = run_console(cfg, &state, &backend);
-        if (state.rollout_running())
-            fprintf(stderr, "swu-console: ending when the running rollout ends\n");
-    }
+    signal(SIGINT, on_signal);
+    signal(SIGTERM, on_signal);
+    signal(SIGPIPE, SIG_IGN);
+    // The page's socket is bound first; every later socket and thread
+    // (discovery, sessions, the server's workers) lives in the terminals'
+    // namespace.
+    const int rc = run_console(cfg, &state, &backend, [&] {
+        std::string err;
+        if (!netns.empty() && !join_netns(netns, &err)) {
+            fprintf(stderr, "swu-console: %s\n", err.c_str());
+            return false;
+        }
+        if (!state.start(&err)) {
+            fprintf(stderr, "swu-console: %s\n", err.c_str());
+            return false;
+        }
+        return true;
+    });
+    if (state.rollout_running())
+        fprintf(stderr, "swu-console: ending when the running rollout ends\n");
     state.stop();
     std::error_code ec;
     std::filesystem::remove_all(cfg.uploads_dir, ec);

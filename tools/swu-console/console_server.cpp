@@ -360,7 +360,8 @@ std::string console_token()
     return t;
 }
 
-int run_console(const console_config &cfg, console_state *state, console_backend *backend)
+int run_console(const console_config &cfg, console_state *state, console_backend *backend,
+                const std::function<bool()> &ready)
 {
     httplib::Server srv;
     console_http http(cfg, state, backend);
@@ -369,6 +370,8 @@ int run_console(const console_config &cfg, console_state *state, console_backend
         fprintf(stderr, "swu-console: cannot listen on %s:%d\n", cfg.host.c_str(), cfg.port);
         return 1;
     }
+    if (!ready())
+        return 1;
     g_server = &srv;
     std::string address = "http://" + cfg.host + ":" + std::to_string(cfg.port) + "/";
     if (!cfg.token.empty())

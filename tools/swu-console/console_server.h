@@ -10,6 +10,7 @@
 
 #include "console_state.h"
 
+#include <functional>
 #include <string>
 
 struct console_config {
@@ -20,9 +21,11 @@ struct console_config {
     std::string token;       // "" on loopback: none asked for
 };
 
-// Serves until stop_console() or a signal; 0, or 1 when it could not listen
-// (the reason printed).
-int run_console(const console_config &cfg, console_state *state, console_backend *backend);
+// Binds the address, calls `ready` (false: give up), prints the address to
+// open and serves until stop_console(); 0, or 1 when it could not listen or
+// `ready` failed (the reason printed).
+int run_console(const console_config &cfg, console_state *state, console_backend *backend,
+                const std::function<bool()> &ready);
 void stop_console();
 
 // Whether `host` is a loopback address, where no token is needed.
