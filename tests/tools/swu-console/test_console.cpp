@@ -1,14 +1,16 @@
 // swu-console's HTTP API against a real daemon, and its page in a real
 // browser: what the page may reach, whom the console answers, and a rollout
 // followed from the plan to the terminal's confirmation.
+#include "lib/exit_codes.h"
 #include "support/forged_terminal.h"
-#include "support/terminal_fixture.h"
+#include "support/terminal_lan.h"
 
 #include <httplib.h>
 #include <nlohmann/json.hpp>
 
 #include <fstream>
 #include <netinet/in.h>
+#include <sstream>
 #include <sys/socket.h>
 
 namespace
@@ -36,11 +38,11 @@ class ConsoleTest : public TerminalTest
     // Starts the console (`console_` unless told otherwise) on `listen` over
     // client/packages; the address it prints.
     std::string start_console(const std::string &listen = "127.0.0.1:18080",
-                              TestProcess *p = nullptr)
+                              TestProcess *p = nullptr, const std::string &local = "127.0.0.1")
     {
         TestProcess &console = p != nullptr ? *p : console_;
         EXPECT_TRUE(console.start({SWU_BIN_DIR "/swu-console", "--listen", listen, "--packages",
-                                   root_.path("client/packages"), "--local", "127.0.0.1"},
+                                   root_.path("client/packages"), "--local", local},
                                   root_.dir()));
         EXPECT_TRUE(console.wait_output("\n", 5s * SLOW)) << console.output();
         const std::string out = console.output();
@@ -321,6 +323,52 @@ TEST_F(ConsoleTest, ABrowserFollowsAnUpdateToTheConfirmation)
     ASSERT_TRUE(browser.wait_end(150s * SLOW)) << browser.output();
     EXPECT_EQ(browser.exit_code(), 0) << browser.output();
     EXPECT_EQ(card_file("pkg_ver.txt"), "[pkg_data]\nversion=2.0.0\n");
+}
+
+// Two terminals on one LAN: the canary fails, which spends the failure
+// budget and holds the other back; both are in the report.
+class ConsoleLan : public ConsoleTest
+{
+  protected:
+    TerminalLan lan_;
+};
+
+TEST_F(ConsoleLan, AFailedCanaryHoldsTheFleetBackAndEveryTerminalIsReported)
+{
+    TerminalSetup failing;
+    failing.daemon_args = {"-M"}; // cannot reserve the package
+    const std::string a = lan_.add("T-A", failing);
+    lan_.add("T-B");
+    package("v2.swu", "2.0.0");
+    start_console("127.0.0.1:18080", nullptr, TerminalLan::CLIENT);
+    json s = wait_state([](const json &st) { return heard(st, "T-A") && heard(st, "T-B"); });
+    std::vector<std::string> keys;
+    for (const json &t : s["terminals"])
+        keys.push_back(t["key"]);
+    std::sort(keys.begin(), keys.end()); // T-A first
+    json p = post("/api/plan",
+                  {{"package", "v2.swu"}, {"terminals", keys}, {"canary", 1}, {"max_failures", 1}});
+    post("/api/rollout", {{"plan", p["plan"]}}, 202);
+    s = wait_state([](const json &st) { return !st["history"].empty(); }, 60s);
+    const json &ts = s["rollout"]["terminals"];
+    EXPECT_EQ(ts[0]["identity"], "T-A");
+    EXPECT_EQ(ts[0]["failed"], true);
+    EXPECT_EQ(ts[0]["outcome"]["exit_code"], SWUC_EXIT_NO_MEMORY) << ts[0];
+    EXPECT_EQ(ts[1]["phase"], "not started");
+    EXPECT_NE(ts[1]["why"].get<std::string>().find("canary"), std::string::npos) << ts[1];
+    EXPECT_EQ(s["rollout"]["summary"], "0 updated, 1 failed, 1 left alone");
+
+    auto r = http().Get("/api/report?id=1");
+    ASSERT_TRUE(r);
+    std::istringstream lines(r->body);
+    std::vector<json> report;
+    for (std::string line; std::getline(lines, line);)
+        report.push_back(json::parse(line));
+    ASSERT_EQ(report.size(), 2u) << r->body;
+    EXPECT_EQ(report[0]["address"], a);
+    EXPECT_EQ(report[0]["exit_code"], SWUC_EXIT_NO_MEMORY);
+    EXPECT_EQ(report[1]["identity"], "T-B");
+    EXPECT_EQ(report[1]["exit_code"], nullptr);
 }
 
 } // namespace
