@@ -223,8 +223,27 @@ TEST_F(ConsoleTest, AnswersOnlyItsOwnHostAndOriginAndAwayFromLoopbackOnlyTheToke
     // Beyond loopback: the token printed at start, in the address, a header
     // or the cookie the page gets with it.
     ASSERT_EQ(system("ip addr add 10.9.9.9/32 dev lo"), 0);
+    // It serves here but listens for terminals in another namespace, where
+    // there are none.
+    struct empty_netns {
+        std::string name = "swu-console-" + std::to_string(getpid());
+        empty_netns()
+        {
+            EXPECT_EQ(system(("ip netns add " + name + " && ip -n " + name +
+                              " link set lo up && ip -n " + name + " route add 224.0.0.0/4 dev lo")
+                                 .c_str()),
+                      0);
+        }
+        ~empty_netns() { EXPECT_EQ(system(("ip netns del " + name).c_str()), 0); }
+    } ns;
     TestProcess far;
-    const std::string url = start_console("10.9.9.9:18081", &far);
+    ASSERT_TRUE(far.start({SWU_BIN_DIR "/swu-console", "--listen", "10.9.9.9:18081", "--netns",
+                           "/run/netns/" + ns.name},
+                          root_.dir()));
+    EXPECT_TRUE(far.wait_output("\n", 5s * SLOW)) << far.output();
+    const std::string out = far.output();
+    ASSERT_NE(out.find("http"), std::string::npos) << out;
+    const std::string url = out.substr(out.find("http"), out.find('\n') - out.find("http"));
     const std::string token = url.substr(url.find("?token=") + 7);
     ASSERT_EQ(token.size(), 64u) << url;
     httplib::Client c = http(18081, "10.9.9.9");
@@ -238,6 +257,10 @@ TEST_F(ConsoleTest, AnswersOnlyItsOwnHostAndOriginAndAwayFromLoopbackOnlyTheToke
     const std::string cookie = first->get_header_value("Set-Cookie");
     EXPECT_NE(cookie.find("HttpOnly; SameSite=Strict"), std::string::npos) << cookie;
     EXPECT_EQ(c.Get("/console.js", {{"Cookie", cookie.substr(0, cookie.find(';'))}})->status, 200);
+    std::this_thread::sleep_for(3500ms); // an advertisement period
+    auto s = c.Get("/api/state", {{"X-Console-Token", token}});
+    EXPECT_EQ(json::parse(s->body)["terminals"], json::array()) << s->body;
+    far.stop();
 }
 
 TEST_F(ConsoleTest, DryRunThenOneConfirmedRolloutAtATimeToTheTerminalsConfirmation)
@@ -250,7 +273,6 @@ TEST_F(ConsoleTest, DryRunThenOneConfirmedRolloutAtATimeToTheTerminalsConfirmati
     const std::string key = s["terminals"][0]["key"];
     const json order = {{"package", "v2.swu"}, {"terminals", {key}}};
 
-    post("/api/rollout", {{"plan", "made-up"}}, 409);
     json p = post("/api/plan", {{"package", "same.swu"}, {"terminals", {key}}});
     EXPECT_EQ(p["terminals"][0]["take"], "skip");
     EXPECT_NE(p["terminals"][0]["why"].get<std::string>().find("--reinstall"), std::string::npos);
@@ -269,6 +291,7 @@ TEST_F(ConsoleTest, DryRunThenOneConfirmedRolloutAtATimeToTheTerminalsConfirmati
     EXPECT_EQ(p["terminals"][0]["take"], "update") << p;
     EXPECT_EQ(p["terminals"][0]["from"], "1.2.3");
     EXPECT_EQ(p["terminals"][0]["to"], "2.0.0");
+    post("/api/rollout", {{"plan", "made-up"}}, 409);
     post("/api/rollout", {{"plan", p["plan"]}}, 202);
     // The plan is spent, and a second rollout waits for the first.
     post("/api/rollout", {{"plan", p["plan"]}}, 409);
