@@ -57,15 +57,6 @@ std::string name_of(const swuc_advert &a)
                : std::string(addr) + ":" + std::to_string(a.adv.rx_port);
 }
 
-std::string utc_now()
-{
-    char text[32];
-    time_t now = time(nullptr);
-    struct tm tm;
-    strftime(text, sizeof text, "%Y-%m-%dT%H:%M:%SZ", gmtime_r(&now, &tm));
-    return text;
-}
-
 // Reads and judges a package: false with the refusal in *why when it must
 // not be sent.
 bool judge(const std::string &path, pack_report *pkg, std::vector<pack_finding> *findings)

@@ -1,5 +1,7 @@
 #include "console_state.h"
 
+#include "swu-client/cli/client_output.h"
+
 #include <chrono>
 
 using nlohmann::json;
@@ -15,15 +17,6 @@ int64_t now_ms()
     return std::chrono::duration_cast<std::chrono::milliseconds>(
                std::chrono::steady_clock::now().time_since_epoch())
         .count();
-}
-
-std::string utc_now()
-{
-    char text[32];
-    time_t now = time(nullptr);
-    struct tm tm;
-    strftime(text, sizeof text, "%Y-%m-%dT%H:%M:%SZ", gmtime_r(&now, &tm));
-    return text;
 }
 
 // The terminal's stage codes of its check and installation, as the page's

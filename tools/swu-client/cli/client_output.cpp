@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <arpa/inet.h>
 #include <cmath>
+#include <ctime>
 
 namespace
 {
@@ -291,4 +292,13 @@ nlohmann::json report_line(const report_entry &e, uint32_t package_crc)
         line["exit_code"] = out.exit_code;
     }
     return line;
+}
+
+std::string utc_now()
+{
+    char text[32];
+    time_t now = time(nullptr);
+    struct tm tm;
+    strftime(text, sizeof text, "%Y-%m-%dT%H:%M:%SZ", gmtime_r(&now, &tm));
+    return text;
 }

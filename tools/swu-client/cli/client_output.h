@@ -46,6 +46,9 @@ class update_view
     int last_stage_ = -1;
 };
 
+// "2026-11-23T13:49:47Z", the times of the rollout report.
+std::string utc_now();
+
 // "1.5 MiB", "812 KiB", "17 B".
 std::string format_bytes(double bytes);
 // "0:07", "12:03", "1:02:03".
