@@ -9,11 +9,10 @@
 // removed with the LAN.
 #pragma once
 
+#include "support/stranger.h"
 #include "support/terminal_fixture.h"
 
-#include <atomic>
 #include <cstdio>
-#include <thread>
 #include <unistd.h>
 
 class TerminalLan
@@ -23,7 +22,7 @@ class TerminalLan
     static constexpr const char *STRANGER = "10.77.0.66";
 
     struct station {
-        std::string id, addr, ns;
+        std::string addr, ns;
         std::unique_ptr<SimRoot> root;
         std::unique_ptr<Stm32Sim> sim;
         TestProcess swu;
@@ -54,7 +53,6 @@ class TerminalLan
     {
         auto t = std::make_unique<station>();
         const size_t n = stations_.size();
-        t->id = id;
         t->addr = "10.77.0." + std::to_string(10 + n);
         t->ns = "swu-" + std::to_string(getpid()) + "-" + std::to_string(n);
         const std::string veth = "t" + std::to_string(n);
@@ -74,77 +72,9 @@ class TerminalLan
     }
 
     station &at(size_t i) { return *stations_.at(i); }
-    size_t size() const { return stations_.size(); }
 
     static void sh(const std::string &command) { ASSERT_EQ(system(command.c_str()), 0) << command; }
 
   private:
     std::vector<std::unique_ptr<station>> stations_;
-};
-
-// A host that is not the terminal: from its own address and the terminal's
-// protocol port it sends the datagrams it is given, every 20 ms, until it is
-// destroyed.
-class Stranger
-{
-  public:
-    struct datagram {
-        std::vector<uint8_t> bytes;
-        sockaddr_in to;
-    };
-
-    explicit Stranger(std::vector<datagram> sends, const char *from = TerminalLan::STRANGER)
-        : sends_(std::move(sends))
-    {
-        fd_ = unique_fd(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
-        sockaddr_in me = to(from, PROTO_SWU_PORT);
-        in_addr ifa = me.sin_addr;
-        setsockopt(fd_.get(), IPPROTO_IP, IP_MULTICAST_IF, &ifa, sizeof ifa);
-        EXPECT_EQ(bind(fd_.get(), reinterpret_cast<sockaddr *>(&me), sizeof me), 0)
-            << strerror(errno);
-        thread_ = std::thread([this] {
-            while (!stop_) {
-                for (const datagram &d : sends_)
-                    sendto(fd_.get(), d.bytes.data(), d.bytes.size(), 0,
-                           reinterpret_cast<const sockaddr *>(&d.to), sizeof d.to);
-                std::this_thread::sleep_for(20ms);
-            }
-        });
-    }
-    ~Stranger()
-    {
-        stop_ = true;
-        thread_.join();
-    }
-
-    static sockaddr_in to(const char *addr, uint16_t port)
-    {
-        sockaddr_in sa = {};
-        sa.sin_family = AF_INET;
-        sa.sin_port = htons(port);
-        inet_pton(AF_INET, addr, &sa.sin_addr);
-        return sa;
-    }
-
-    // An advertisement of a free terminal `id` running `version`, to the group.
-    static datagram advert(const std::string &id, uint16_t major, bool busy = false)
-    {
-        self_adv_t adv = {};
-        adv.hdr.opcode = SWU_SELF_ADVERTISE_OPCD;
-        adv.rx_port = PROTO_SWU_PORT;
-        adv.curr_sw_v[0] = major;
-        adv.connection_status = busy ? SWU_CON_STATUS_BUSY : SWU_CON_STATUS_AVAIL;
-        adv.orvanID_len = static_cast<uint8_t>(id.size());
-        memcpy(adv.orvanID, id.data(), std::min(id.size(), sizeof adv.orvanID));
-        datagram d{std::vector<uint8_t>(PROTO_SELF_ADV_SIZE), to(PROTO_ADV_GROUP, PROTO_ADV_PORT)};
-        EXPECT_EQ(proto_encode_self_adv(d.bytes.data(), d.bytes.size(), &adv),
-                  int(PROTO_SELF_ADV_SIZE));
-        return d;
-    }
-
-  private:
-    std::vector<datagram> sends_;
-    unique_fd fd_;
-    std::atomic<bool> stop_{false};
-    std::thread thread_;
 };

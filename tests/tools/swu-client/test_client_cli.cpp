@@ -10,7 +10,6 @@
 
 #include <nlohmann/json.hpp>
 
-#include <atomic>
 #include <sstream>
 #include <thread>
 
@@ -109,6 +108,9 @@ TEST_F(ClientCli, UpdateTravelsFromDiscoveryToTheReboot)
 // reordered. The update still arrives whole.
 TEST_F(ClientCli, AnUpdateOverALossyWiFiHopInstallsTheRightFiles)
 {
+#ifndef SWU_HAVE_RELAY
+    GTEST_SKIP() << "lossy_relay is built with the benchmarks only";
+#endif
     const std::string relay_bin = SWU_BIN_DIR "/lossy_relay";
     ASSERT_NO_FATAL_FAILURE(start());
     TestProcess relay;
@@ -123,7 +125,9 @@ TEST_F(ClientCli, AnUpdateOverALossyWiFiHopInstallsTheRightFiles)
     std::string pkg =
         make_package("update-2.0.2.swu", {file_member("app.bin", app), file_member("st.bin", st),
                                           file_member("pkg_ver.txt", ver)});
-    run_result u = client(root_, {"update", "127.0.0.1:12300", pkg, "--no-reboot", "--json"});
+    run_result u =
+        client(root_, {"update", "127.0.0.1:12300", pkg, "--no-reboot", "--json", "--window", "32",
+                       "--ack-timeout", "5", "--install-timeout", "60"});
     ASSERT_EQ(u.exit_code, 0) << u.out << u.err;
     EXPECT_GT(parsed(u).value("retransmitted", 0), 0) << "no loss on the way: " << u.out;
     EXPECT_EQ(card_file("app.bin"), app);
@@ -143,6 +147,10 @@ TEST_F(ClientCli, FailedStreamGivesItsExitCodeAndTheNextCommandsClearTheError)
     EXPECT_EQ(u.exit_code, SWUC_EXIT_INCOMPLETE) << u.out << u.err;
     EXPECT_EQ(u.err, "swu-client: 127.0.0.1: packets missing at the end of the stream: invalid "
                      "stream, some packets are missing... (status code 2)\n");
+    run_result st = client(root_, {"status", "127.0.0.1"});
+    EXPECT_NE(st.out.find("\nstage      5  Terminal encountered"), std::string::npos) << st.out;
+    st = client(root_, {"status", "127.0.0.1", "--json"});
+    EXPECT_EQ(parsed(st)["status"]["status_code"], SWU_STAGE_CODE_MISSING_PCKTS) << st.out;
 
     // The terminal answers the acknowledgement at the session's own port,
     // which the command remembers; then it takes a new session.
@@ -169,7 +177,7 @@ TEST_F(ClientCli, FailedStreamGivesItsExitCodeAndTheNextCommandsClearTheError)
 // the technician's screen, and text that is not UTF-8 does not end the tool.
 TEST_F(ClientCli, AForgedIdentityIsShownEscapedAndNeverAbortsTheClient)
 {
-    ForgedTerminal forged("\x1b]0;owned\x07\x1b[2J\xff\xfe");
+    Stranger forged({Stranger::advert("\x1b]0;owned\x07\x1b[2J\xff\xfe", 0)}, "127.0.0.1", 0);
     run_result d = client(root_, {"discover", "--json", "--timeout", "1"});
     EXPECT_EQ(d.exit_code, 0) << d.out << d.err;
     json list = parsed(d);
@@ -213,6 +221,19 @@ TEST_F(ClientCli, AHarmfulPackageIsRefusedBeforeAnythingIsSent)
         << u.out;
 }
 
+// The exit codes and their meanings, as --exit-codes and the help print
+// them for the README.
+TEST_F(ClientCli, ExitCodesArePrintedFromTheirTable)
+{
+    run_result r = client(root_, {"--exit-codes"});
+    EXPECT_EQ(r.exit_code, 0);
+    EXPECT_EQ(r.out, swuc_exit_code_help() + "\n");
+    EXPECT_EQ(r.out.rfind("Exit codes:\n  0   done\n  1   the command could not run here", 0), 0u)
+        << r.out;
+    r = client(root_, {"--help"});
+    EXPECT_NE(r.out.find(swuc_exit_code_help()), std::string::npos) << r.out;
+}
+
 // The terminal runs 1.2.3: the same version or an older one is not sent
 // unless asked for; a dry run checks the terminal and sends nothing.
 TEST_F(ClientCli, VersionFloorAndDryRun)
@@ -225,7 +246,8 @@ TEST_F(ClientCli, VersionFloorAndDryRun)
     EXPECT_NE(u.err.find("the package installs 1.2.3, the terminal runs 1.2.3 (--reinstall"),
               std::string::npos)
         << u.err;
-    u = client(root_, {"update", "127.0.0.1", same, "--dry-run", "--reinstall", "--json"});
+    u = client(root_, {"update", "127.0.0.1", same, "--dry-run", "--reinstall", "--allow-downgrade",
+                       "--json"});
     EXPECT_EQ(u.exit_code, 0) << u.out << u.err;
     EXPECT_EQ(parsed(u)["terminal_state"], "free") << u.out;
     EXPECT_EQ(parsed(u)["installed_version"], "1.2.3") << u.out;
@@ -278,7 +300,7 @@ TEST_F(ClientCli, TheDissectorDecodesEveryMessageOfAnUpdate)
 }
 
 // After the reboot the client waits for the terminal's advertisement: back
-// with the new version, back with its old one, or not back at all.
+// with the new version, or back with its old one.
 TEST_F(ClientCli, AfterItsRebootTheTerminalIsConfirmedWithItsNewVersion)
 {
     ASSERT_NO_FATAL_FAILURE(start());
@@ -310,9 +332,6 @@ TEST_F(ClientCli, AfterItsRebootTheTerminalIsConfirmedWithItsNewVersion)
     std::tie(code, out) = update_and_boot(v3, second, third, "[pkg_data]\nversion=2.0.0\n");
     EXPECT_EQ(code, SWUC_EXIT_OLD_VERSION) << out;
     EXPECT_NE(out.find("came back running 2.0.0, not 3.0.0"), std::string::npos) << out;
-
-    run_result u = client(root_, {"update", "127.0.0.1", v3, "--confirm-timeout", "4"});
-    EXPECT_EQ(u.exit_code, SWUC_EXIT_NOT_BACK) << u.out << u.err;
 }
 
 // Two terminals on one LAN, each daemon in a namespace of its own.
@@ -358,10 +377,8 @@ TEST_F(ClientLan, UpdateAllRunsToTheEndAndReportsEveryTerminal)
     json list = parsed(r);
     ASSERT_TRUE(list.is_array() && list.size() == 2) << r.out;
     EXPECT_EQ(list[0]["terminal"], a);
-    EXPECT_EQ(list[0]["result"], "failed");
     EXPECT_EQ(list[0]["exit_code"], SWUC_EXIT_INCOMPLETE);
-    EXPECT_EQ(list[1]["identity"], "T-B");
-    EXPECT_EQ(list[1]["result"], "not started");
+    EXPECT_EQ(list[1]["result"], "not started") << "T-B";
     ASSERT_EQ(report().size(), 2u);
     EXPECT_EQ(report()[1]["exit_code"], nullptr);
 
@@ -375,8 +392,71 @@ TEST_F(ClientLan, UpdateAllRunsToTheEndAndReportsEveryTerminal)
     EXPECT_NE(r.out.find("\n" + a + "  T-A       1.2.3  skipped"), std::string::npos) << r.out;
     EXPECT_NE(r.out.find("\n" + b + "  T-B       1.2.3  updated"), std::string::npos) << r.out;
     ASSERT_EQ(report().size(), 4u);
-    EXPECT_EQ(report()[3]["outcome"], "updated");
     EXPECT_EQ(lan_.at(1).root->read("dev/mmcblk0p1/pkg_ver.txt"), "[pkg_data]\nversion=2.0.0\n");
+}
+
+// A second host on the LAN advertises the terminal's identity and answers
+// every request of the client's ports: the client takes nothing from it. A
+// fleet limited to known terminals leaves its claim apart; the package the
+// terminal refuses is reported refused; the confirmation after a reboot is
+// not faked.
+TEST_F(ClientLan, AHostileHostOnTheLanIsNeverBelieved)
+{
+    const std::string a = lan_.add("T-A");
+    const std::string b = lan_.add("T-B");
+    const sockaddr_in rx = Stranger::to(TerminalLan::CLIENT, 40001);
+    const sockaddr_in stream = Stranger::to(TerminalLan::CLIENT, 40002);
+    const std::string finish =
+        R"({"battery_status":80,"status_code":0,"status_message":"ok","stage_code":6,)"
+        R"("stage_description":"Update finished","stage_progress":100,"stage_complete":1})";
+    Stranger forger({Stranger::advert("T-A", 2), Stranger::status(finish, rx),
+                     Stranger::header(TERMINAL_REBOOT_RSPNS, rx),
+                     Stranger::header(FILE_STREAM_END_RSPNS, stream), Stranger::ack(1, stream)},
+                    TerminalLan::STRANGER);
+    const std::string v2 =
+        make_package("v2.swu", {file_member("pkg_ver.txt", "[pkg_data]\nversion=2.0.0\n")});
+
+    // The identity is claimed from two addresses: a bare --only trusts neither.
+    run_result r = client(root_, {"update", "--all", v2, "--only", "T-A", "--local",
+                                  TerminalLan::CLIENT, "--timeout", "4.5"});
+    EXPECT_EQ(r.exit_code, 0) << r.out << r.err;
+    EXPECT_NE(r.out.find("updating 0 of 0 terminals heard"), std::string::npos) << r.out;
+    EXPECT_NE(
+        r.out.find(std::string("not known terminals (left alone):\nADDRESS     IDENTITY  WHY\n") +
+                   a + "  T-A       its identity is advertised from 2 addresses"),
+        std::string::npos)
+        << r.out;
+
+    // A package the terminal refuses, while the forger reports it finished.
+    std::string bytes = root_.read("client/v2.swu");
+    bytes[bytes.size() / 2] ^= 0x55;
+    root_.write("client/bad.swu", bytes);
+    r = client(root_, {"update", b, root_.path("client/bad.swu"), "--force", "--local",
+                       TerminalLan::CLIENT, "--rx-port", "40001", "--stream-port", "40002", "-v"});
+    EXPECT_EQ(r.exit_code, SWUC_EXIT_INSTALL) << r.out << r.err;
+    for (const char *never : {"installed", "reboot confirmed", "is back"})
+        EXPECT_EQ(r.out.find(never), std::string::npos) << never << " in\n" << r.out;
+    EXPECT_NE(r.err.find("datagrams dropped: not from the terminal"), std::string::npos) << r.err;
+    run_result ack = client(root_, {"ack-error", b, "--local", TerminalLan::CLIENT, "--rx-port",
+                                    "40001", "--json", "-v"});
+    EXPECT_EQ(ack.exit_code, 0) << ack.out << ack.err;
+
+    // An inventory pins T-A to its address: it is updated and reboots, and
+    // does not come back (nothing restarts its daemon), whatever the forger
+    // advertises.
+    root_.write("client/inventory", "T-A " + a + "\n");
+    r = client(root_,
+               {"update", "--all", v2, "--inventory", root_.path("client/inventory"), "--local",
+                TerminalLan::CLIENT, "--timeout", "4.5", "--confirm-timeout", "6", "--json"});
+    EXPECT_EQ(r.exit_code, SWUC_EXIT_FLEET) << r.out << r.err;
+    json list = parsed(r);
+    ASSERT_TRUE(list.is_array() && list.size() == 3) << r.out;
+    EXPECT_EQ(list[0]["terminal"], a);
+    EXPECT_EQ(list[0]["exit_code"], SWUC_EXIT_NOT_BACK) << r.out;
+    EXPECT_GT(list[0]["foreign"].get<int>(), 0) << r.out;
+    EXPECT_EQ(list[2]["terminal"], TerminalLan::STRANGER);
+    EXPECT_EQ(list[2]["result"], "not known");
+    EXPECT_TRUE(lan_.at(0).swu.wait_end(5s)) << "T-A was not asked to reboot";
 }
 
 } // namespace

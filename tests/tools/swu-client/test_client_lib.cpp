@@ -3,15 +3,19 @@
 // reports, and the update policy's exit codes.
 #include "lib/fleet.h"
 #include "lib/policy.h"
+#include "lib/remembered.h"
+#include "lib/stream.h"
 #include "lib/update.h"
 #include "proto/package.h"
 #include "support/sim_root.h"
+#include "support/stranger.h"
 
 #include <gtest/gtest.h>
 
 #include <arpa/inet.h>
 #include <atomic>
 #include <cstring>
+#include <filesystem>
 #include <random>
 #include <set>
 #include <sys/socket.h>
@@ -62,6 +66,8 @@ class StandIn
     std::atomic<unsigned> first_segments_{0};
     std::atomic<uint64_t> max_ahead_{0}; // most segments beyond the last one written
     std::atomic<unsigned> early_{0};     // packets sent before segment 1 was acknowledged
+    // Segments after this one are neither written nor acknowledged.
+    std::atomic<uint64_t> swallow_after_{UINT64_MAX};
 
   private:
     void reply(const uint8_t *buf, int len, sockaddr_in to)
@@ -123,7 +129,7 @@ class StandIn
                     early_++;
                     break;
                 }
-                if (pkt.seg_number != 1 && dice(gen) < loss_)
+                if ((pkt.seg_number != 1 && dice(gen) < loss_) || pkt.seg_number > swallow_after_)
                     break; // packet lost
                 if (pkt.seg_number == 1) {
                     expected = 1;
@@ -199,13 +205,33 @@ TEST(ClientStream, GoBackNKeepsWithinTheWindowAndDeliversEveryByteOverALossyLink
                   0);
         EXPECT_TRUE(terminal.data_ == data);
         EXPECT_EQ(terminal.written_, (data.size() + 1451) / 1452) << "a segment written twice";
-        EXPECT_LE(terminal.max_ahead_, window) << "packets in flight";
-        if (window > 1) {
-            EXPECT_GT(terminal.max_ahead_, 1u) << "the window never opened";
-        }
         EXPECT_EQ(reported, data.size());
         EXPECT_GT(progress.retransmitted, 0u);
     }
+}
+
+// Acknowledgements stop after segment 40 while a forger on this host
+// acknowledges every later one: the stream keeps exactly its window in flight
+// and never counts the forged ones.
+TEST(ClientStream, TheWindowIsAHardLimitAndOnlyTheTerminalAcknowledges)
+{
+    const std::vector<uint8_t> data = payload(100 * PROTO_PAYLOAD_MAX);
+    StandIn terminal(data.size());
+    terminal.swallow_after_ = 40;
+    swuc_session s;
+    ASSERT_NO_FATAL_FAILURE(open_to(&s, terminal));
+    std::vector<Stranger::datagram> acks;
+    for (uint64_t seg = 41; seg <= 100; seg++)
+        acks.push_back(Stranger::ack(seg, Stranger::to("127.0.0.1", s.port[SWUC_STREAM])));
+    Stranger forger(acks, "127.0.0.1", 0);
+    swuc_stream_opts opts;
+    opts.window = 4;
+    opts.stall_ms = 300;
+    swuc_progress progress;
+    EXPECT_NE(swuc_stream_data(&s, data.data(), data.size(), &opts, {}, &progress), 0);
+    EXPECT_EQ(progress.acked_packets, 40u);
+    EXPECT_EQ(terminal.max_ahead_, 4u) << "packets in flight beyond the last acknowledged";
+    EXPECT_GT(s.foreign, 0u);
 }
 
 TEST(ClientStream, ASlowFirstAcknowledgementIsProbedForAndDoesNotRestartTheStream)
@@ -356,6 +382,109 @@ TEST(ClientFleet, CanaryWaveFirstAndNoNewUpdateOnceTheFailureBudgetIsSpent)
     EXPECT_EQ(started, 3);
     EXPECT_EQ(fate[3], FLEET_NOT_STARTED);
     EXPECT_EQ(why[3], "2 failures, the budget is spent");
+}
+
+swuc_advert heard_from(const char *addr, const std::string &id, uint16_t seq, bool busy,
+                       uint16_t major = 1)
+{
+    swuc_advert a = {};
+    a.sender = Stranger::to(addr, 40000);
+    a.adv.hdr.seq_num = seq;
+    a.adv.rx_port = PROTO_SWU_PORT;
+    a.adv.connection_status = busy ? SWU_CON_STATUS_BUSY : SWU_CON_STATUS_AVAIL;
+    a.adv.curr_sw_v[0] = major;
+    a.adv.orvanID_len = static_cast<uint8_t>(id.size());
+    memcpy(a.adv.orvanID, id.data(), id.size());
+    return a;
+}
+
+// Back from its reboot: free, from the terminal's address and port, with
+// its identity, after it was gone (its counter started again, or it was
+// silent for a while). Its busy advertisements never count.
+TEST(ClientPolicy, TheTerminalIsBackOnlyWhenItAdvertisesFreeUnderItsIdentityAfterItWasGone)
+{
+    const sockaddr_in t = Stranger::to("10.0.0.5", PROTO_SWU_PORT);
+    swuc_reboot_watch w(t, "ID", 900, true, 0);
+    EXPECT_FALSE(w.heard(heard_from("10.0.0.5", "ID", 901, true), 1000)) << "the finish state";
+    EXPECT_FALSE(w.heard(heard_from("10.0.0.5", "ID", 902, false), 2000)) << "never gone";
+    EXPECT_FALSE(w.heard(heard_from("10.0.0.9", "ID", 1, false), 3000)) << "another address";
+    EXPECT_FALSE(w.heard(heard_from("10.0.0.5", "XX", 1, false), 3000)) << "another identity";
+    EXPECT_EQ(w.foreign(), 2u);
+    EXPECT_FALSE(w.heard(heard_from("10.0.0.5", "ID", 1, true), 4000)) << "restarted, busy";
+    EXPECT_TRUE(w.heard(heard_from("10.0.0.5", "ID", 2, false), 5000));
+
+    swuc_reboot_watch quiet(t, "ID", 0, false, 0);
+    EXPECT_FALSE(quiet.heard(heard_from("10.0.0.5", "ID", 5, false), 1000));
+    const int64_t later = 1000 + swuc_reboot_watch::GONE_MS;
+    EXPECT_FALSE(quiet.heard(heard_from("10.0.0.5", "ID", 6, true), later)) << "gone, but busy";
+    EXPECT_TRUE(quiet.heard(heard_from("10.0.0.5", "ID", 7, false), later + 1));
+}
+
+// With a list of known terminals, the rest heard are strangers: never taken,
+// never counted. A known identity heard from two addresses is taken at
+// neither unless the inventory names its address.
+TEST(ClientFleet, OnlyKnownTerminalsAreTaken)
+{
+    const std::vector<swuc_advert> heard = {
+        heard_from("10.0.0.1", "A", 1, false), heard_from("10.0.0.2", "B", 1, true),
+        heard_from("10.0.0.3", "C", 1, false, 2), heard_from("10.0.0.66", "A", 1, false)};
+    pack_report pkg;
+    pkg.has_version = true;
+    pkg.version.v[0] = 2;
+    std::vector<std::string> why;
+    EXPECT_EQ(swuc_fleet_plan(heard, {}, {}, pkg, &why),
+              (std::vector<fleet_take>{FLEET_TAKE, FLEET_SKIP, FLEET_SKIP, FLEET_TAKE}));
+    EXPECT_EQ(why[1], "busy: another client is connected");
+    EXPECT_EQ(why[2], "the package installs 2.0.0, the terminal runs 2.0.0 (--reinstall sends it)");
+
+    EXPECT_EQ(
+        swuc_fleet_plan(heard, known_terminals::from_list("A,B"), {}, pkg, &why),
+        (std::vector<fleet_take>{FLEET_STRANGER, FLEET_SKIP, FLEET_STRANGER, FLEET_STRANGER}));
+    EXPECT_EQ(why[0], "its identity is advertised from 2 addresses (an inventory line with its "
+                      "address settles it)");
+    EXPECT_EQ(why[2], "not a known terminal");
+    known_terminals inventory;
+    std::string err;
+    ASSERT_TRUE(known_terminals::from_inventory("A 10.0.0.1  # the shop\n\nC\n", &inventory, &err));
+    EXPECT_EQ(swuc_fleet_plan(heard, inventory, {}, pkg, &why),
+              (std::vector<fleet_take>{FLEET_TAKE, FLEET_STRANGER, FLEET_SKIP, FLEET_STRANGER}));
+    EXPECT_FALSE(known_terminals::from_inventory("A\nB 10.0.0\n", &inventory, &err));
+    EXPECT_EQ(err, "line 2: not \"IDENTITY [ADDRESS]\"");
+}
+
+// Remembered per terminal, address and identity both; never through a
+// symbolic link; a file over the cap is not read and is started afresh.
+TEST(ClientState, RememberedPerTerminalNeverThroughALinkAndCapped)
+{
+    SimRoot root;
+    setenv("XDG_STATE_HOME", root.path("state").c_str(), 1);
+    const remembered_terminal a{Stranger::to("10.0.0.5", PROTO_SWU_PORT), "ID"};
+    const remembered_terminal b{a.address, "OTHER"};
+    uint16_t rx = 0, stream = 0;
+    swuc_remember_ports(a, 4000, 4001);
+    ASSERT_TRUE(swuc_recall_ports(a, &rx, &stream));
+    EXPECT_EQ(rx, 4000);
+    EXPECT_FALSE(swuc_recall_ports(b, &rx, &stream));
+    swuc_remember_name(a, "p.swu", 10, 1);
+    EXPECT_TRUE(swuc_name_carried_another(a, "p.swu", 11, 1));
+    EXPECT_FALSE(swuc_name_carried_another(b, "p.swu", 11, 1));
+
+    const std::string session = swuc_state_file("session", a);
+    root.write("target", "5000 5001\n");
+    std::filesystem::remove(session);
+    std::filesystem::create_symlink(root.path("target"), session);
+    EXPECT_FALSE(swuc_recall_ports(a, &rx, &stream));
+    swuc_remember_ports(a, 4000, 4001);
+    EXPECT_EQ(root.read("target"), "5000 5001\n");
+
+    const std::string names = swuc_state_file("names", a);
+    std::string big = "p.swu 12 1\n";
+    big.resize(SWUC_STATE_CAP + 1, '\n');
+    root.write(names.substr(root.dir().size() + 1), big);
+    EXPECT_FALSE(swuc_name_carried_another(a, "p.swu", 10, 1)) << "read past the cap";
+    swuc_remember_name(a, "q.swu", 1, 1);
+    EXPECT_EQ(std::filesystem::file_size(names), 10u);
+    unsetenv("XDG_STATE_HOME");
 }
 
 } // namespace

@@ -94,7 +94,7 @@ TEST(Flow, SegmentOneIsProbedWithSegmentTwoAndSentAgainOnlyWhenProbesGoUnanswere
     EXPECT_EQ(send_all(one, 0), std::vector<uint64_t>{1});
 }
 
-TEST(Flow, WindowOpensUpToItsCapAndALossBurstCutsItOnceThenShutsIt)
+TEST(Flow, WindowOpensUpToItsCapAndALossCutsItOnceThenShutsIt)
 {
     swuc_flow_opts o;
     o.max_window = 16;
@@ -143,6 +143,24 @@ TEST(Flow, WindowOpensUpToItsCapAndALossBurstCutsItOnceThenShutsIt)
     EXPECT_EQ(f.consecutive_timeouts(), 0);
     EXPECT_LT(f.rto().rto_us, 2 * rto);
     EXPECT_EQ(f.resent(), 12u);
+    // A time-out of a packet sent before the cut is the same loss: no second
+    // cut. One after the lost flight is a new loss.
+    for (int i = 0; i < 3; i++) {
+        send_all(f, t += 2 * MS);
+        ASSERT_TRUE(f.acked(f.base(), t + MS));
+    }
+    ASSERT_LE(f.base(), lost + 10);
+    const double before = f.window();
+    ASSERT_TRUE(f.expire(f.deadline_us()));
+    EXPECT_EQ(f.window(), before) << "one loss cut twice";
+    for (t = f.deadline_us(); f.base() <= lost + 18; t += 2 * MS) {
+        send_all(f, t);
+        ASSERT_TRUE(f.acked(f.next() - 1, t + 2 * MS));
+    }
+    send_all(f, t);
+    const double grown = f.window();
+    ASSERT_TRUE(f.expire(f.deadline_us()));
+    EXPECT_DOUBLE_EQ(f.window(), grown * 0.7) << "a new loss";
 }
 
 TEST(Flow, AfterALossTheWindowGrowsBackByHalfAPacketPerRoundTripWithoutWaitingForBursts)

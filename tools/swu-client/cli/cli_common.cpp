@@ -1,5 +1,7 @@
 #include "cli_common.h"
 
+#include "command_line.h"
+
 #include "client_output.h"
 #include "common/printable.h"
 
@@ -246,4 +248,23 @@ int end_request(const client_options &o, const std::string &host, bool reboot)
                       (reboot ? "finish" : "error") +
                       " state, from the machine of its session, and answers to that session's "
                       "rx port (--rx-port; the last session's port is used when known)");
+}
+
+void add_common_options(CLI::App *cmd, client_options &o, bool ports)
+{
+    cmd->add_option("--local", o.local_addr,
+                    "local IPv4 address to send from and to join the advertisement group on");
+    cmd->add_flag("--json", o.json, "print one machine-readable result (JSON) and nothing else");
+    cmd->add_flag("-v,--verbose", o.verbose,
+                  "also say how many datagrams were dropped for not coming from the "
+                  "terminal's address and port");
+    cmd->add_option("--reply-timeout", o.reply_timeout_ms, "milliseconds to wait for each answer")
+        ->check(CLI::Range(50, 60000));
+    if (ports) {
+        cmd->add_option("--rx-port", o.rx_port,
+                        "local UDP port for connection, status, reboot and restart answers "
+                        "(default: ephemeral)");
+        cmd->add_option("--stream-port", o.stream_port,
+                        "local UDP port for the stream's answers (default: ephemeral)");
+    }
 }

@@ -1,6 +1,7 @@
 // discover: the terminals heard on the advertisement group.
 #include "cli_common.h"
 #include "client_output.h"
+#include "command_line.h"
 #include "common/printable.h"
 
 using nlohmann::json;
@@ -37,4 +38,16 @@ int cmd_discover(const client_options &o, double timeout_s)
         fputs(format_table(rows).c_str(), stdout);
     }
     return found.empty() ? SWUC_EXIT_NO_ANSWER : SWUC_EXIT_OK;
+}
+
+command_run define_discover(CLI::App &app, command_line &cl)
+{
+    CLI::App *discover =
+        app.add_subcommand("discover", "list the terminals heard on 227.0.0.0:12225");
+    discover
+        ->add_option("--timeout", cl.timeout_s, "seconds to listen (advertisements come every 3 s)")
+        ->check(CLI::Range(0.1, 3600.0));
+    add_common_options(discover, cl.o, false);
+
+    return [](command_line &c) { return cmd_discover(c.o, c.timeout_s); };
 }

@@ -2,6 +2,7 @@
 // lapse.
 #include "cli_common.h"
 #include "client_output.h"
+#include "command_line.h"
 #include "common/printable.h"
 
 #include <arpa/inet.h>
@@ -70,4 +71,14 @@ int cmd_status(const client_options &o, const std::string &host)
            st.stage_complete ? "complete" : "not complete");
     printf("battery    %u %%\n", st.battery_status);
     return SWUC_EXIT_OK;
+}
+
+command_run define_status(CLI::App &app, command_line &cl)
+{
+    CLI::App *status = app.add_subcommand(
+        "status", "connect, print the terminal's status report and let the session lapse");
+    status->add_option("HOST", cl.host, "the terminal")->required();
+    add_common_options(status, cl.o, true);
+
+    return [](command_line &c) { return cmd_status(c.o, c.host); };
 }

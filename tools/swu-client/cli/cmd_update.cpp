@@ -3,9 +3,12 @@
 // stream.
 #include "cli_common.h"
 #include "client_output.h"
+#include "command_line.h"
 #include "common/printable.h"
 #include "lib/policy.h"
 
+#include <fstream>
+#include <sstream>
 #include <unistd.h>
 
 using nlohmann::json;
@@ -120,4 +123,110 @@ int cmd_update(const client_options &o, const std::string &host, const std::stri
     else
         error_line(host, out.message);
     return out.exit_code;
+}
+
+command_run define_update(CLI::App &app, command_line &cl)
+{
+    CLI::App *update = app.add_subcommand(
+        "update", "update one terminal (HOST PACKAGE) or every free one (--all PACKAGE)");
+    update->add_option("HOST_OR_PACKAGE", cl.host, "the terminal (left out with --all)")
+        ->required();
+    update->add_option("PACKAGE", cl.package, "the update package (swu-pack builds one)");
+    update->add_flag("--all", cl.all, "discover and update every free terminal");
+    update->add_option("--timeout", cl.timeout_s, "with --all: seconds to listen for terminals")
+        ->check(CLI::Range(0.1, 3600.0));
+    update->add_option("--parallel", cl.fleet.parallel, "with --all: terminals updated at once")
+        ->check(CLI::Range(1, 64));
+    update
+        ->add_option("--canary", cl.fleet.canary,
+                     "with --all: update this many terminals first, and the rest only if all of "
+                     "them succeed")
+        ->check(CLI::Range(0, 100000));
+    update
+        ->add_option("--max-failures", cl.fleet.max_failures,
+                     "with --all: start no new update after this many failures (0: no limit)")
+        ->check(CLI::Range(0, 100000));
+    update->add_option("--report", cl.report_path,
+                       "with --all: add one JSON line per terminal to this file");
+    update->add_option("--only", cl.only,
+                       "with --all: update only the terminals of these identities (ID,ID,...); "
+                       "others heard are listed apart and left alone");
+    update->add_option("--inventory", cl.inventory,
+                       "with --all: update only the terminals listed in this file, one a line: "
+                       "IDENTITY [ADDRESS]");
+    update->add_flag("--no-confirm", cl.no_confirm,
+                     "don't wait for the terminal to come back after its reboot");
+    update
+        ->add_option("--confirm-timeout", cl.u.confirm_timeout_s,
+                     "seconds to wait for the terminal's advertisement after its reboot")
+        ->check(CLI::Range(1, 3600));
+    update
+        ->add_option("--window", cl.u.window,
+                     "most packets in flight (1: one at a time); fewer while the link loses "
+                     "packets")
+        ->check(CLI::Range(1, 1024));
+    update
+        ->add_option("--ack-timeout", cl.u.ack_timeout_ms,
+                     "least milliseconds without an acknowledgement before resending from the "
+                     "oldest unacknowledged packet (the wait follows the round trip above it)")
+        ->check(CLI::Range(0, 10000));
+    update
+        ->add_option("--retries", cl.u.retries,
+                     "times a stream is started over after packets went missing or stalled")
+        ->check(CLI::Range(0, 10));
+    update
+        ->add_option("--install-timeout", cl.u.install_timeout_s,
+                     "seconds to wait for the check and the installation")
+        ->check(CLI::Range(1, 86400));
+    update->add_option("--name", cl.u.name,
+                       "package name announced to the terminal (default: a fresh name for each "
+                       "attempt, from the file's name, size and CRC)");
+    update->add_flag("--dry-run", cl.o.dry_run,
+                     "connect and check everything an update would (package, free or busy, "
+                     "battery, versions), send nothing, and let the session lapse");
+    update->add_flag("--allow-downgrade", cl.o.policy.allow_downgrade,
+                     "send a package older than the installed version");
+    update->add_flag("--reinstall", cl.o.policy.reinstall,
+                     "send a package of the installed version");
+    update->add_flag("--force", cl.o.policy.force,
+                     "send a package that would harm the terminal (names its card can't hold, "
+                     "an empty or oversized st.bin, a bad CRC)");
+    update->add_flag("--no-reboot", cl.no_reboot,
+                     "leave the terminal in its finish state (it restarts by itself after 30 s)");
+    add_common_options(update, cl.o, true);
+
+    return [](command_line &c) {
+        c.u.reboot = !c.no_reboot;
+        if (c.no_confirm)
+            c.u.confirm_timeout_s = 0;
+        if (!c.only.empty() && !c.inventory.empty()) {
+            fprintf(stderr, "swu-client: --only and --inventory exclude each other\n");
+            return int{SWUC_EXIT_USAGE};
+        }
+        if (!c.only.empty())
+            c.o.known = known_terminals::from_list(c.only);
+        if (!c.inventory.empty()) {
+            std::ifstream in(c.inventory);
+            std::stringstream text;
+            text << in.rdbuf();
+            std::string err;
+            if (!in || !known_terminals::from_inventory(text.str(), &c.o.known, &err)) {
+                fprintf(stderr, "swu-client: inventory '%s': %s\n", printable(c.inventory).c_str(),
+                        in ? err.c_str() : "cannot read it");
+                return int{SWUC_EXIT_USAGE};
+            }
+        }
+        if (c.all) {
+            if (!c.package.empty()) {
+                fprintf(stderr, "swu-client: update --all takes the package alone, no HOST\n");
+                return int{SWUC_EXIT_USAGE};
+            }
+            return cmd_update_all(c.o, c.host, c.u, c.timeout_s, c.fleet, c.report_path);
+        }
+        if (c.package.empty()) {
+            fprintf(stderr, "swu-client: update needs HOST and PACKAGE (or --all PACKAGE)\n");
+            return int{SWUC_EXIT_USAGE};
+        }
+        return cmd_update(c.o, c.host, c.package, c.u);
+    };
 }
