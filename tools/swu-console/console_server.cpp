@@ -4,6 +4,7 @@
 
 #include <httplib.h>
 
+#include <atomic>
 #include <cstdio>
 #include <fcntl.h>
 #include <filesystem>
@@ -18,6 +19,8 @@ namespace
 {
 
 httplib::Server *g_server = nullptr;
+// Ends the event streams, which would otherwise hold the server's workers.
+std::atomic<bool> g_stopping{false};
 
 constexpr const char *TOKEN_COOKIE = "swu_console_token";
 
@@ -189,7 +192,7 @@ class console_http
                     *seen = state_->wait_change(*seen, 1000);
                 else
                     *seen = 0;
-                if (state_->stopping())
+                if (state_->stopping() || g_stopping)
                     return false;
                 const std::string msg = "data: " + dump(state_->snapshot()) + "\n\n";
                 return sink.write(msg.data(), msg.size());
@@ -385,6 +388,7 @@ int run_console(const console_config &cfg, console_state *state, console_backend
 
 void stop_console()
 {
+    g_stopping = true;
     if (g_server != nullptr)
         g_server->stop();
 }

@@ -8,6 +8,7 @@
 #include <httplib.h>
 #include <nlohmann/json.hpp>
 
+#include <atomic>
 #include <fstream>
 #include <netinet/in.h>
 #include <sstream>
@@ -194,6 +195,18 @@ TEST_F(ConsoleTest, ListsTerminalsAndReachesOnlyThePackagesOfItsDirectory)
                                  "Content-Length: " +
                                      std::to_string(PKG_MAX_SIZE + 1) + "\r\n\r\n"),
               "HTTP/1.1 413 Payload Too Large");
+
+    // A page left open (its event stream) does not keep the console from
+    // ending.
+    std::atomic<int> events{0};
+    std::thread page(
+        [&] { http().Get("/api/events", [&](const char *, size_t) { return ++events > 0; }); });
+    for (int i = 0; i < 50 && events == 0; i++)
+        std::this_thread::sleep_for(100ms);
+    EXPECT_GT(events, 0);
+    console_.stop();
+    EXPECT_EQ(console_.exit_code(), 0);
+    page.join();
 }
 
 TEST_F(ConsoleTest, AnswersOnlyItsOwnHostAndOriginAndAwayFromLoopbackOnlyTheToken)
