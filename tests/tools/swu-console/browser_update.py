@@ -1,7 +1,8 @@
 #!/usr/bin/python3
 """The console's page in headless Chromium: the terminal appears, a forged
 name shows as text, a package is chosen and checked, the update is confirmed
-and followed through every stage to "confirmed", and the report downloads.
+and followed through every stage to "confirmed" (leaving the page and coming
+back on the way), and the report downloads.
 
     browser_update.py URL SCREENSHOT DOWNLOAD_DIR FORGED_NAME
 
@@ -79,11 +80,18 @@ def run(d):
     # The bars as they move: every distinct look of the stages, until the
     # outcome names the confirmation.
     seen = []
+    reopened = False
     deadline = time.time() + 120
     while time.time() < deadline:
         looks = stage_classes(d)
         if looks and (not seen or seen[-1] != looks):
             seen.append(looks)
+        # Leaving the page mid-rollout stops nothing; back, it shows where
+        # the rollout is.
+        if looks and not reopened:
+            d.get("about:blank")
+            d.get(URL)
+            reopened = True
         outcome = " ".join(text_of(d, "#rollout .outcome"))
         if "exit" in outcome:
             break

@@ -31,6 +31,8 @@ class ConsoleTest : public TerminalTest
     void TearDown() override
     {
         console_.stop();
+        for (const char *report : {"AddressSanitizer", "runtime error:", "LeakSanitizer"})
+            EXPECT_EQ(console_.output().find(report), std::string::npos) << report << " reported";
         if (HasFailure())
             printf("---- swu-console output ----\n%s\n", console_.output().c_str());
         TerminalTest::TearDown();
