@@ -157,7 +157,7 @@ bool console_state::start_rollout(const rollout_order &order, std::string *why)
     changed();
     if (runner_.joinable())
         runner_.join(); // the last one has ended: running_ was false
-    runner_ = std::thread([this, order, id] { run_rollout(order, id); });
+    runner_ = std::thread([this, order] { run_rollout(order); });
     return true;
 }
 
@@ -172,7 +172,7 @@ void console_state::touch(const std::string &key, const std::function<void(json 
         }
 }
 
-void console_state::run_rollout(rollout_order order, uint64_t id)
+void console_state::run_rollout(rollout_order order)
 {
     std::vector<std::string> keys;
     for (const json &p : order.plan)
@@ -260,7 +260,6 @@ void console_state::run_rollout(rollout_order order, uint64_t id)
     if (history_.size() > HISTORY)
         history_.erase(history_.begin());
     running_ = false;
-    (void)id;
     changed();
 }
 

@@ -52,7 +52,7 @@ class console_state
 
   private:
     void listen_loop();
-    void run_rollout(rollout_order order, uint64_t id);
+    void run_rollout(rollout_order order);
     // Applies `change` to the running rollout's entry for `key`.
     void touch(const std::string &key, const std::function<void(nlohmann::json &)> &change);
     void changed(); // with lock_ held
