@@ -133,8 +133,9 @@ swuc_reboot_watch::swuc_reboot_watch(const sockaddr_in &terminal, std::string id
 
 bool swuc_reboot_watch::heard(const swuc_advert &a, int64_t now_ms)
 {
+    // The advertised port is the sender's own claim, and a relay in between
+    // answers at another: the address and the identity decide.
     if (a.sender.sin_addr.s_addr != terminal_.sin_addr.s_addr ||
-        htons(a.adv.rx_port) != terminal_.sin_port ||
         (!identity_.empty() && swuc_advert_id(a.adv) != identity_)) {
         foreign_++;
         return false;

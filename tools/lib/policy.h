@@ -63,11 +63,10 @@ std::vector<fleet_take> swuc_fleet_plan(const std::vector<swuc_advert> &heard,
                                         const pack_report &pkg, std::vector<std::string> *why);
 
 // Whether the terminal is back from its reboot, from the advertisements
-// heard after the reboot request. Only advertisements of the terminal's
-// address and protocol port with the identity it had before the update
-// count; it is back when it advertises free after it was gone: silent for
-// `gone_ms`, or with its sequence counter started again. The finish state's
-// busy advertisements never count.
+// heard after the reboot request. Only advertisements from the terminal's
+// address with the identity it had before the update count; it is back when it advertises free
+// after it was gone: silent for `gone_ms`, or with its sequence counter started again. The finish
+// state's busy advertisements never count.
 class swuc_reboot_watch
 {
   public:

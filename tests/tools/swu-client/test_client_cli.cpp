@@ -48,6 +48,8 @@ TEST_F(ClientCli, UpdateTravelsFromDiscoveryToTheReboot)
     ASSERT_NO_FATAL_FAILURE(start());
     const std::string banner =
         std::string(57, '/') + "\n// SWU App Version 1.0.0\n" + std::string(57, '/') + "\n\n";
+    // The advertisement can overtake the reader of the daemon's output.
+    EXPECT_TRUE(swu_.wait_output(banner, 5s));
     EXPECT_EQ(swu_.output().rfind(banner, 0), 0u) << swu_.output();
     run_result d = client(root_, {"discover", "--json", "--timeout", "3.5"});
     ASSERT_EQ(d.exit_code, 0) << d.out << d.err;
