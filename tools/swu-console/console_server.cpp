@@ -5,12 +5,14 @@
 #include <httplib.h>
 
 #include <atomic>
+#include <chrono>
 #include <cstdio>
 #include <fcntl.h>
 #include <filesystem>
 #include <fstream>
 #include <random>
 #include <sys/stat.h>
+#include <thread>
 #include <unistd.h>
 
 using nlohmann::json;
@@ -187,11 +189,14 @@ class console_http
         auto seen = std::make_shared<uint64_t>(~uint64_t{0});
         res.set_chunked_content_provider(
             "text/event-stream", [this, seen](size_t, httplib::DataSink &sink) {
-                // Once a second at least, so that silent terminals age on the page.
-                if (*seen != ~uint64_t{0})
-                    *seen = state_->wait_change(*seen, 1000);
-                else
+                // Once a second at least, so that silent terminals age on the
+                // page; at most five times, however busy the LAN.
+                if (*seen != ~uint64_t{0}) {
+                    std::this_thread::sleep_for(std::chrono::milliseconds(200));
+                    *seen = state_->wait_change(*seen, 800);
+                } else {
                     *seen = 0;
+                }
                 if (state_->stopping() || g_stopping)
                     return false;
                 const std::string msg = "data: " + dump(state_->snapshot()) + "\n\n";

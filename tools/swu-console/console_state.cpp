@@ -11,6 +11,7 @@ namespace
 
 constexpr size_t HISTORY = 10;     // ended rollouts kept
 constexpr size_t STATUS_LINES = 6; // of each terminal's status texts
+constexpr size_t MAX_TERMINALS = 256;
 
 int64_t now_ms()
 {
@@ -76,8 +77,18 @@ void console_state::listen_loop()
         if (!backend_->next_advert(500, &t))
             continue;
         std::lock_guard<std::mutex> g(lock_);
+        const std::string key = t["key"];
+        // Advertisements are anyone's claim: a flood of made-up terminals
+        // displaces the longest silent, never grows the table.
+        if (!terminals_.contains(key) && terminals_.size() >= MAX_TERMINALS) {
+            auto oldest = terminals_.begin();
+            for (auto it = terminals_.begin(); it != terminals_.end(); ++it)
+                if ((*it)["heard_ms"] < (*oldest)["heard_ms"])
+                    oldest = it;
+            terminals_.erase(oldest);
+        }
         t["heard_ms"] = now_ms();
-        terminals_[t["key"].get<std::string>()] = t;
+        terminals_[key] = t;
         changed();
     }
 }
