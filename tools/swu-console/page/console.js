@@ -238,6 +238,7 @@ function drawRollout() {
   const r = state.rollout;
   $('rollout-section').hidden = !r;
   if (!r) return;
+  if (!r.running && $('message').textContent === 'rollout started') say('');
   $('rollout-state').textContent = '— ' + r.package + (r.running ? ', running' : ', ended: ' + r.summary);
   const box = $('rollout');
   box.replaceChildren();
