@@ -76,6 +76,12 @@ int main(int argc, char **argv)
         fprintf(stderr, "swu-console: --listen takes ADDR:PORT, not '%s'\n", listen.c_str());
         return 2;
     }
+    // Requests must name the address they were sent to, so it must be one.
+    if (cfg.host == "0.0.0.0") {
+        fprintf(stderr, "swu-console: --listen needs the address the browser will use, not "
+                        "0.0.0.0\n");
+        return 2;
+    }
     if (!console_loopback(cfg.host))
         cfg.token = console_token();
 

@@ -235,6 +235,12 @@ TEST_F(ConsoleTest, AnswersOnlyItsOwnHostAndOriginAndAwayFromLoopbackOnlyTheToke
     EXPECT_EQ(form->status, 415);
     console_.stop();
 
+    // A wildcard address is no address a browser names.
+    for (const char *bad : {"0.0.0.0:18081", "18081"})
+        EXPECT_EQ(run_to_end({SWU_BIN_DIR "/swu-console", "--listen", bad}, root_.dir()).exit_code,
+                  2)
+            << bad;
+
     // Beyond loopback: the token printed at start, in the address, a header
     // or the cookie the page gets with it.
     ASSERT_EQ(system("ip addr add 10.9.9.9/32 dev lo"), 0);
