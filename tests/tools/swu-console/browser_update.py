@@ -2,7 +2,7 @@
 """The console's page in headless Chromium: the terminal appears, a forged
 name shows as text, a package is chosen and checked, the update is confirmed
 and followed through every stage to "confirmed" (leaving the page and coming
-back on the way), and the report downloads.
+back on the way), the report downloads, and a package is uploaded and checked.
 
     browser_update.py URL SCREENSHOT DOWNLOAD_DIR FORGED_NAME
 
@@ -109,6 +109,14 @@ def run(d):
         line = json.loads(f.readline())
     assert line["outcome"] == "updated" and line["version_after"] == "2.0.0", line
     assert FORGED in text_of(d, "#terminals td")
+
+    # A package from the technician's own disk, uploaded and checked.
+    upload = d.find_element(By.ID, "upload")
+    d.execute_script("arguments[0].hidden = false", upload)
+    upload.send_keys(os.path.join(os.path.dirname(DOWNLOADS), "packages", "v2.swu"))
+    wait.until(lambda d: Select(d.find_element(By.ID, "package")).first_selected_option
+               .get_attribute("value") == "uploaded/v2.swu")
+    wait.until(lambda d: d.find_element(By.ID, "check-verdict").text.startswith("ok"))
 
 
 def main():
