@@ -5,7 +5,6 @@
 #include "lib/fleet.h"
 #include "lib/policy.h"
 #include "lib/update.h"
-#include "support/forged_terminal.h"
 #include "support/terminal_lan.h"
 
 #include <nlohmann/json.hpp>

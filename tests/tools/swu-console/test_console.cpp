@@ -2,7 +2,7 @@
 // browser: what the page may reach, whom the console answers, and a rollout
 // followed from the plan to the terminal's confirmation.
 #include "lib/exit_codes.h"
-#include "support/forged_terminal.h"
+#include "support/stranger.h"
 #include "support/terminal_lan.h"
 
 #include <httplib.h>
@@ -349,7 +349,8 @@ TEST_F(ConsoleTest, ABrowserFollowsAnUpdateToTheConfirmation)
 {
     ASSERT_NO_FATAL_FAILURE(start());
     const std::string forged_name = "<img src=x onerror=alert(1)>\x1b[2J";
-    ForgedTerminal forged(forged_name, 12999);
+    // Its own key (address and port), beside the real terminal's.
+    Stranger forged({Stranger::advert(forged_name, 0, false, 12999)}, "127.0.0.1", 0);
     make_package("packages/v2.swu",
                  {file_member("pkg_ver.txt", "[pkg_data]\nversion=2.0.0\n"),
                   file_member("app.bin", test_bytes(4 << 20, 8)), file_member("st.bin", "st")});
