@@ -5,9 +5,9 @@
 # root file system with DESTDIR. The programs need only the C library there
 # (docs/deployment.md).
 #
-# Host build: the technician's tools (swu-client, swu-pack, stm32-sim) form the
-# install component "host_tools", which `cpack -G DEB` packs as a .deb for a
-# laptop.
+# Host build: the technician's tools (swu-client, swu-console, swu-pack,
+# stm32-sim) form the install component "host_tools", which `cpack -G DEB`
+# packs as a .deb for a laptop.
 if(SWU_PLATFORM STREQUAL "terminal")
   # The terminal's root file system keeps its programs under /usr.
   if(CMAKE_INSTALL_PREFIX_INITIALIZED_TO_DEFAULT)
@@ -43,7 +43,8 @@ if(SWU_PLATFORM STREQUAL "host" AND TARGET swu-client)
   set(CPACK_PACKAGE_VENDOR "swu")
   set(CPACK_PACKAGE_VERSION ${PROJECT_VERSION})
   set(CPACK_PACKAGE_DESCRIPTION_SUMMARY
-      "Technician's tools for the terminal's update service: swu-client, swu-pack, stm32-sim")
+      "Technician's tools for the terminal's update service: swu-client, swu-console, swu-pack, stm32-sim"
+  )
   set(CPACK_PACKAGE_CONTACT "swu maintainers <swu@localhost>")
   set(CPACK_PACKAGING_INSTALL_PREFIX "/usr")
   set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)

@@ -62,11 +62,12 @@ class Stranger
     }
 
     // An advertisement of a free terminal `id` running `version`, to the group.
-    static datagram advert(const std::string &id, uint16_t major, bool busy = false)
+    static datagram advert(const std::string &id, uint16_t major, bool busy = false,
+                           uint16_t rx_port = PROTO_SWU_PORT)
     {
         self_adv_t adv = {};
         adv.hdr.opcode = SWU_SELF_ADVERTISE_OPCD;
-        adv.rx_port = PROTO_SWU_PORT;
+        adv.rx_port = rx_port;
         adv.curr_sw_v[0] = major;
         adv.connection_status = busy ? SWU_CON_STATUS_BUSY : SWU_CON_STATUS_AVAIL;
         adv.orvanID_len = static_cast<uint8_t>(id.size());

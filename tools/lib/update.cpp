@@ -57,6 +57,13 @@ struct updater {
 
     updater(const update_params &params, const update_events &events) : p(params), ev(events) {}
 
+    void enter(const char *step)
+    {
+        out.step = step;
+        if (ev.step)
+            ev.step(out.step);
+    }
+
     void note(const std::string &line)
     {
         if (ev.note)
@@ -118,7 +125,7 @@ struct updater {
 
     int connect()
     {
-        out.step = "connect";
+        enter("connect");
         for (int attempt = 0; attempt < CONNECT_TRIES; attempt++) {
             conection_response_t rsp;
             if (swuc_connect(&s, &rsp) != 0)
@@ -209,7 +216,7 @@ struct updater {
     // One stream from the stream request to the confirmed end.
     int stream(const unique_map &pkg)
     {
-        out.step = "stream";
+        enter("stream");
         out.name = attempt_name;
         if (stream_request(pkg.size()) != 0)
             return -1;
@@ -262,7 +269,7 @@ struct updater {
 
     int follow()
     {
-        out.step = "install";
+        enter("install");
         swuc_follow_opts opts;
         opts.poll_ms = 500;
         opts.timeout_ms = p.install_timeout_s * 1000;
@@ -303,7 +310,7 @@ struct updater {
 
     void reboot()
     {
-        out.step = "reboot";
+        enter("reboot");
         if (!p.reboot) {
             note("finished; not asked to reboot (it restarts by itself 30 s after finishing)");
             return;
@@ -323,7 +330,7 @@ struct updater {
     {
         if (!p.reboot || p.confirm_timeout_s <= 0)
             return 0;
-        out.step = "confirm";
+        enter("confirm");
         note("waiting up to " + std::to_string(p.confirm_timeout_s) +
              " s for the terminal to come back");
         swuc_listener l;
@@ -408,7 +415,7 @@ struct updater {
         reboot();
         if (confirm() != 0)
             return -1;
-        out.step = "done";
+        enter("done");
         out.message = "updated";
         out.total_seconds = seconds_since(start);
         return 0;

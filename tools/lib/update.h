@@ -48,6 +48,7 @@ struct update_events {
     std::function<void(const swuc_progress &)> progress; // while streaming
     std::function<void()> stream_done;                   // end of one stream attempt
     std::function<void(const swuc_status &)> status;     // every report while installing
+    std::function<void(const std::string &)> step;       // entering each step of the outcome
 };
 
 struct update_outcome {

@@ -63,15 +63,6 @@ std::string addr_text(const sockaddr_in &sa)
     return buf;
 }
 
-std::string utc_now()
-{
-    char text[32];
-    time_t now = time(nullptr);
-    struct tm tm;
-    strftime(text, sizeof text, "%Y-%m-%dT%H:%M:%SZ", gmtime_r(&now, &tm));
-    return text;
-}
-
 std::string reason_text(unsigned bits)
 {
     if (bits == 0)

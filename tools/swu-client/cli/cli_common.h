@@ -16,8 +16,6 @@ int resolve_local(const client_options &o, in_addr_t *addr);
 // "HOST" or "HOST:PORT", PORT defaulting to the terminal's protocol port.
 int resolve_terminal(const std::string &host_port, sockaddr_in *out, std::string *err);
 std::string addr_text(const sockaddr_in &sa);
-// "2026-11-23T13:49:47Z".
-std::string utc_now();
 // "update requested, error boot", or "none".
 std::string reason_text(unsigned bits);
 

@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <arpa/inet.h>
 #include <cmath>
+#include <ctime>
 
 namespace
 {
@@ -240,4 +241,64 @@ nlohmann::json advert_json(const swuc_advert &a)
             {"config_version", adv.conf_ver},
             {"terminal_type", adv.term_type == SWU_TERM_TYPE_STATIC ? "static" : "dynamic"},
             {"busy", adv.connection_status != SWU_CON_STATUS_AVAIL}};
+}
+
+nlohmann::json package_json(const pack_report &pkg, const std::vector<pack_finding> &findings)
+{
+    nlohmann::json members = nlohmann::json::array(), found = nlohmann::json::array();
+    bool refused = false;
+    for (const pack_listed &m : pkg.members)
+        members.push_back({{"name", m.name}, {"kind", pack_kind_name(m.kind)}, {"size", m.size}});
+    for (const pack_finding &f : findings) {
+        found.push_back({{"refuse", f.refuse}, {"text", f.text}});
+        refused = refused || f.refuse;
+    }
+    return {{"size", pkg.package_size},
+            {"artifacts_bitmask", pkg.artifacts_bitmask},
+            {"footer_crc", pkg.footer_crc},
+            {"payload_crc", pkg.payload_crc},
+            {"members", members},
+            {"findings", found},
+            {"version", pkg.has_version ? pack_version_text(pkg.version) : ""},
+            {"st_bin", pkg.has_mcu_image ? nlohmann::json{{"size", pkg.mcu_image_size},
+                                                          {"crc32", pkg.mcu_image_crc32}}
+                                         : nlohmann::json(nullptr)},
+            {"signed", !pkg.manifest_sig.empty()},
+            {"result", refused ? "refused" : "ok"}};
+}
+
+nlohmann::json report_line(const report_entry &e, uint32_t package_crc)
+{
+    const update_outcome &out = e.out;
+    nlohmann::json line = {{"identity", swuc_advert_id(e.advert.adv)},
+                           {"address", e.name},
+                           {"version_before", format_version(e.advert.adv.curr_sw_v)},
+                           {"version_after", out.version_after},
+                           {"package_name", out.name},
+                           {"package_crc", package_crc},
+                           {"start", e.start_time},
+                           {"end", e.end_time},
+                           {"stream_seconds", out.stream_seconds},
+                           {"check_seconds", out.check_seconds},
+                           {"install_seconds", out.install_seconds},
+                           {"confirmation", out.confirmation}};
+    if (!e.started) {
+        const char *result = e.skipped ? "skipped" : "not started";
+        line["outcome"] = std::string(result) + ": " + e.why;
+        line["exit_code"] = nullptr;
+    } else {
+        const bool ok = out.exit_code == SWUC_EXIT_OK;
+        line["outcome"] = ok ? "updated" : "failed: " + out.message;
+        line["exit_code"] = out.exit_code;
+    }
+    return line;
+}
+
+std::string utc_now()
+{
+    char text[32];
+    time_t now = time(nullptr);
+    struct tm tm;
+    strftime(text, sizeof text, "%Y-%m-%dT%H:%M:%SZ", gmtime_r(&now, &tm));
+    return text;
 }

@@ -6,6 +6,7 @@
 #include "lib/discovery.h"
 #include "lib/stream.h"
 #include "lib/update.h"
+#include "pack.h"
 
 #include <nlohmann/json.hpp>
 
@@ -45,6 +46,9 @@ class update_view
     int last_stage_ = -1;
 };
 
+// "2026-11-23T13:49:47Z", the times of the rollout report.
+std::string utc_now();
+
 // "1.5 MiB", "812 KiB", "17 B".
 std::string format_bytes(double bytes);
 // "0:07", "12:03", "1:02:03".
@@ -62,3 +66,19 @@ std::string format_version(const uint16_t v[3]);
 nlohmann::json status_json(const swuc_status &st);
 nlohmann::json outcome_json(const update_outcome &o);
 nlohmann::json advert_json(const swuc_advert &a);
+// A package as `check --json` shows it: its figures, members, findings and
+// verdict.
+nlohmann::json package_json(const pack_report &pkg, const std::vector<pack_finding> &findings);
+
+// One terminal of a rollout, as its report line tells it.
+struct report_entry {
+    swuc_advert advert;
+    std::string name; // "ADDRESS" or "ADDRESS:PORT"
+    bool skipped = false;
+    bool started = false;
+    std::string why; // of a skip, or of an update not started
+    update_outcome out;
+    std::string start_time, end_time;
+};
+// One line of the rollout report (`--report`).
+nlohmann::json report_line(const report_entry &e, uint32_t package_crc);

@@ -15,42 +15,10 @@ using nlohmann::json;
 namespace
 {
 
-struct job {
-    swuc_advert advert;
-    std::string name; // "ADDRESS" or "ADDRESS:PORT"
+// A terminal of the rollout: its report entry and how the plan took it.
+struct job : report_entry {
     fleet_take take = FLEET_TAKE;
-    std::string why; // of a skip or a stranger, or of an update not started
-    update_outcome out;
-    bool started = false;
-    std::string start_time, end_time;
 };
-
-// One line of the report file.
-json report_line(const job &jb, const pack_report &pkg)
-{
-    json line = {{"identity", swuc_advert_id(jb.advert.adv)},
-                 {"address", jb.name},
-                 {"version_before", format_version(jb.advert.adv.curr_sw_v)},
-                 {"version_after", jb.out.version_after},
-                 {"package_name", jb.out.name},
-                 {"package_crc", pkg.footer_crc},
-                 {"start", jb.start_time},
-                 {"end", jb.end_time},
-                 {"stream_seconds", jb.out.stream_seconds},
-                 {"check_seconds", jb.out.check_seconds},
-                 {"install_seconds", jb.out.install_seconds},
-                 {"confirmation", jb.out.confirmation}};
-    if (!jb.started) {
-        const char *result = jb.take == FLEET_SKIP ? "skipped" : "not started";
-        line["outcome"] = std::string(result) + ": " + jb.why;
-        line["exit_code"] = nullptr;
-    } else {
-        const bool ok = jb.out.exit_code == SWUC_EXIT_OK;
-        line["outcome"] = ok ? "updated" : "failed: " + jb.out.message;
-        line["exit_code"] = jb.out.exit_code;
-    }
-    return line;
-}
 
 } // namespace
 
@@ -89,6 +57,7 @@ int cmd_update_all(const client_options &o, const std::string &package, const up
         if (found[i].adv.rx_port != PROTO_SWU_PORT)
             jobs[i].name += ":" + std::to_string(found[i].adv.rx_port);
         jobs[i].take = take[i];
+        jobs[i].skipped = take[i] == FLEET_SKIP;
         jobs[i].why = why[i];
         if (take[i] == FLEET_TAKE)
             startable.push_back(&jobs[i]);
@@ -185,7 +154,8 @@ int cmd_update_all(const client_options &o, const std::string &package, const up
             list.push_back(j);
         }
         if (report)
-            report << report_line(jb, pkg).dump(-1, ' ', false, json::error_handler_t::replace)
+            report << report_line(jb, pkg.footer_crc)
+                          .dump(-1, ' ', false, json::error_handler_t::replace)
                    << "\n";
     }
     note_foreign(o, "update --all", foreign);
