@@ -12,9 +12,10 @@
 // Everything lives under one temporary root, removed at the end (--keep
 // leaves it). The 600 MiB run needs about 1.3 GB of free space there.
 #include "lib/discovery.h"
+#include "lib/package_inspect.h"
+#include "lib/package_write.h"
 #include "lib/session.h"
 #include "lib/stream.h"
-#include "pack.h"
 #include "proto/package.h"
 
 #include <algorithm>

@@ -8,10 +8,11 @@
 #pragma once
 
 #include "lib/discovery.h"
+#include "lib/package_inspect.h"
+#include "lib/package_write.h"
 #include "lib/session.h"
 #include "lib/stream.h"
 #include "lib/sys/le_bytes.h"
-#include "pack.h"
 #include "proto/package.h"
 #include "support/process.h"
 #include "support/sim_root.h"

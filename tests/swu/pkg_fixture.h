@@ -4,7 +4,8 @@
 // built with swu-pack's library.
 #pragma once
 
-#include "pack.h"
+#include "lib/package_inspect.h"
+#include "lib/package_sign.h"
 #include "support/sim_root.h"
 #include "swu/pkg_install.h"
 

@@ -11,14 +11,14 @@ bool swuc_retryable(int exit_code)
     return exit_code == SWUC_EXIT_STALLED || exit_code == SWUC_EXIT_INCOMPLETE;
 }
 
-int swuc_version_floor(const update_policy &p, const pack_version &installed,
+int swuc_version_floor(const update_policy &p, const pkg_version_t &installed,
                        const pack_report &pkg, std::string *why)
 {
     if (!pkg.has_version)
         return SWUC_EXIT_OK; // the package does not change the advertised version
-    const int cmp = pack_version_compare(pkg.version, installed);
-    const std::string versions = "the package installs " + pack_version_text(pkg.version) +
-                                 ", the terminal runs " + pack_version_text(installed);
+    const int cmp = pkg_version_compare(pkg.version, installed);
+    const std::string versions = "the package installs " + pkg_version_text(pkg.version) +
+                                 ", the terminal runs " + pkg_version_text(installed);
     if (cmp < 0 && !p.allow_downgrade) {
         *why = versions + " (--allow-downgrade sends it)";
         return SWUC_EXIT_VERSION;
@@ -116,7 +116,7 @@ std::vector<fleet_take> swuc_fleet_plan(const std::vector<swuc_advert> &heard,
             (*why)[i] = "busy: another client is connected";
             continue;
         }
-        pack_version installed;
+        pkg_version_t installed;
         std::copy(a.adv.curr_sw_v, a.adv.curr_sw_v + 3, installed.v);
         if (swuc_version_floor(p, installed, pkg, &(*why)[i]) != SWUC_EXIT_OK)
             take[i] = FLEET_SKIP;

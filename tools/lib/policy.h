@@ -4,7 +4,7 @@
 #pragma once
 
 #include "lib/discovery.h"
-#include "pack.h"
+#include "lib/package_inspect.h"
 
 #include <cstdint>
 #include <netinet/in.h>
@@ -23,7 +23,7 @@ struct update_policy {
 };
 
 // The version floor: SWUC_EXIT_OK, or SWUC_EXIT_VERSION with *why.
-int swuc_version_floor(const update_policy &p, const pack_version &installed,
+int swuc_version_floor(const update_policy &p, const pkg_version_t &installed,
                        const pack_report &pkg, std::string *why);
 
 // The package review's verdict: SWUC_EXIT_OK (also for refusals under

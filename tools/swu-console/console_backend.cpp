@@ -2,11 +2,12 @@
 
 #include "lib/discovery.h"
 #include "lib/fleet.h"
+#include "lib/package_inspect.h"
+#include "lib/package_report.h"
 #include "lib/policy.h"
 #include "lib/remembered.h"
 #include "lib/session.h"
 #include "lib/update.h"
-#include "pack.h"
 #include "proto/package.h"
 #include "swu-client/cli/client_output.h"
 
@@ -62,10 +63,8 @@ std::string name_of(const swuc_advert &a)
 bool judge(const std::string &path, pack_report *pkg, std::vector<pack_finding> *findings)
 {
     std::string err;
-    const bool intact = pack_verify(path, pkg, &err) == 0;
-    *findings = pack_review(pkg->members);
-    if (!intact)
-        findings->insert(findings->begin(), {true, err});
+    pack_verify(path, pkg, &err);
+    *findings = pkg->findings;
     std::string why;
     return swuc_package_verdict(update_policy{}, *findings, &why) == SWUC_EXIT_OK;
 }
@@ -113,7 +112,7 @@ json console_backend::check(const std::string &path)
     pack_report pkg;
     std::vector<pack_finding> findings;
     judge(path, &pkg, &findings);
-    return package_json(pkg, findings);
+    return pack_report_json(pkg);
 }
 
 json console_backend::plan(const std::string &path, const std::vector<std::string> &keys,
@@ -134,7 +133,7 @@ json console_backend::plan(const std::string &path, const std::vector<std::strin
     policy.reinstall = p.reinstall;
     std::vector<std::string> why;
     const std::vector<fleet_take> take = swuc_fleet_plan(heard, {}, policy, pkg, &why);
-    const std::string to = pkg.has_version ? pack_version_text(pkg.version) : "";
+    const std::string to = pkg.has_version ? pkg_version_text(pkg.version) : "";
     for (size_t i = 0; i < heard.size(); i++) {
         std::string reason = why[i];
         const bool go = sendable && take[i] == FLEET_TAKE;
@@ -197,7 +196,7 @@ json console_backend::update(const std::string &key, const std::string &path,
     p.terminal = t.address;
     p.local_addr = d_->local;
     p.package_path = path;
-    p.expected_version = pkg.has_version ? pack_version_text(pkg.version) : "";
+    p.expected_version = pkg.has_version ? pkg_version_text(pkg.version) : "";
     p.expected_identity = t.identity;
     update_events events;
     events.note = ev.note;

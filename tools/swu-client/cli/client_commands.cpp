@@ -2,7 +2,7 @@
 
 #include "cli_common.h"
 #include "common/printable.h"
-#include "pack.h"
+#include "lib/package_inspect.h"
 #include "proto/package.h"
 
 #include <algorithm>
@@ -21,10 +21,10 @@ int check_package(const client_options &o, const std::string &package, pack_repo
     }
     std::string err;
     std::vector<pack_finding> findings;
-    if (pack_verify(package, found, &err) != 0)
-        findings.push_back({true, "the terminal would refuse it: " + err});
-    else
-        findings = pack_review(found->members);
+    const bool intact = pack_verify(package, found, &err) == 0;
+    findings = found->findings;
+    if (!intact && !findings.empty())
+        findings.front().text = "the terminal would refuse it: " + findings.front().text;
     bool refused = false;
     for (const pack_finding &f : findings) {
         if (!o.json)

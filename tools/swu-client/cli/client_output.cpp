@@ -243,30 +243,6 @@ nlohmann::json advert_json(const swuc_advert &a)
             {"busy", adv.connection_status != SWU_CON_STATUS_AVAIL}};
 }
 
-nlohmann::json package_json(const pack_report &pkg, const std::vector<pack_finding> &findings)
-{
-    nlohmann::json members = nlohmann::json::array(), found = nlohmann::json::array();
-    bool refused = false;
-    for (const pack_listed &m : pkg.members)
-        members.push_back({{"name", m.name}, {"kind", pack_kind_name(m.kind)}, {"size", m.size}});
-    for (const pack_finding &f : findings) {
-        found.push_back({{"refuse", f.refuse}, {"text", f.text}});
-        refused = refused || f.refuse;
-    }
-    return {{"size", pkg.package_size},
-            {"artifacts_bitmask", pkg.artifacts_bitmask},
-            {"footer_crc", pkg.footer_crc},
-            {"payload_crc", pkg.payload_crc},
-            {"members", members},
-            {"findings", found},
-            {"version", pkg.has_version ? pack_version_text(pkg.version) : ""},
-            {"st_bin", pkg.has_mcu_image ? nlohmann::json{{"size", pkg.mcu_image_size},
-                                                          {"crc32", pkg.mcu_image_crc32}}
-                                         : nlohmann::json(nullptr)},
-            {"signed", !pkg.manifest_sig.empty()},
-            {"result", refused ? "refused" : "ok"}};
-}
-
 nlohmann::json report_line(const report_entry &e, uint32_t package_crc)
 {
     const update_outcome &out = e.out;

@@ -4,9 +4,9 @@
 #pragma once
 
 #include "lib/discovery.h"
+#include "lib/package_inspect.h"
 #include "lib/stream.h"
 #include "lib/update.h"
-#include "pack.h"
 
 #include <nlohmann/json.hpp>
 
@@ -66,9 +66,6 @@ std::string format_version(const uint16_t v[3]);
 nlohmann::json status_json(const swuc_status &st);
 nlohmann::json outcome_json(const update_outcome &o);
 nlohmann::json advert_json(const swuc_advert &a);
-// A package as `check --json` shows it: its figures, members, findings and
-// verdict.
-nlohmann::json package_json(const pack_report &pkg, const std::vector<pack_finding> &findings);
 
 // One terminal of a rollout, as its report line tells it.
 struct report_entry {

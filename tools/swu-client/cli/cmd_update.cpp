@@ -80,20 +80,20 @@ int cmd_update(const client_options &o, const std::string &host, const std::stri
         return finish(o, host, json::object(), code, err);
     // The installed version and the identity come with the terminal's
     // advertisement (every 3 s).
-    json j = {{"package_version", pkg.has_version ? pack_version_text(pkg.version) : ""}};
+    json j = {{"package_version", pkg.has_version ? pkg_version_text(pkg.version) : ""}};
     remembered_terminal t;
     t.address = terminal;
     swuc_advert adv;
     if (find_advert(o, terminal, IDENTIFY_SECONDS, &adv)) {
         t.identity = swuc_advert_id(adv.adv);
-        pack_version installed;
+        pkg_version_t installed;
         std::copy(adv.adv.curr_sw_v, adv.adv.curr_sw_v + 3, installed.v);
-        j["installed_version"] = pack_version_text(installed);
+        j["installed_version"] = pkg_version_text(installed);
         j["identity"] = t.identity;
         if (!o.json && o.dry_run)
             printf("versions   package %s, installed %s\n",
-                   pkg.has_version ? pack_version_text(pkg.version).c_str() : "(none)",
-                   pack_version_text(installed).c_str());
+                   pkg.has_version ? pkg_version_text(pkg.version).c_str() : "(none)",
+                   pkg_version_text(installed).c_str());
         if (int code = swuc_version_floor(o.policy, installed, pkg, &err); code != SWUC_EXIT_OK)
             return finish(o, host, j, code, err);
     } else if (!o.json) {
@@ -105,7 +105,7 @@ int cmd_update(const client_options &o, const std::string &host, const std::stri
         return dry_run(o, host, t, j);
     warn_reused_name(o, t, u, pkg);
     update_params p = make_params(o, terminal, package, u);
-    p.expected_version = pkg.has_version ? pack_version_text(pkg.version) : "";
+    p.expected_version = pkg.has_version ? pkg_version_text(pkg.version) : "";
     p.expected_identity = t.identity;
     update_view view(stdout, isatty(STDOUT_FILENO) != 0, "", nullptr);
     update_events ev = o.json ? update_events{} : view.events();

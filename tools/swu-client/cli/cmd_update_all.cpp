@@ -70,7 +70,7 @@ int cmd_update_all(const client_options &o, const std::string &package, const up
 
     std::mutex out_lock;
     update_params with_version = u;
-    with_version.expected_version = pkg.has_version ? pack_version_text(pkg.version) : "";
+    with_version.expected_version = pkg.has_version ? pkg_version_text(pkg.version) : "";
     std::vector<std::string> not_started;
     swuc_run_fleet(
         startable.size(), fleet,
