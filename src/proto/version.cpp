@@ -50,7 +50,12 @@ int pkg_version_compare(const pkg_version_t &a, const pkg_version_t &b)
     return 0;
 }
 
+std::string pkg_version_text(const uint16_t v[3])
+{
+    return std::to_string(v[0]) + "." + std::to_string(v[1]) + "." + std::to_string(v[2]);
+}
+
 std::string pkg_version_text(const pkg_version_t &v)
 {
-    return std::to_string(v.v[0]) + "." + std::to_string(v.v[1]) + "." + std::to_string(v.v[2]);
+    return pkg_version_text(v.v);
 }

@@ -34,5 +34,6 @@ void pkg_version_parse(const char *text, pkg_version_t *version);
 // <0, 0 or >0 as a is older than, the same as or newer than b.
 int pkg_version_compare(const pkg_version_t &a, const pkg_version_t &b);
 
-// "1.4.2".
+// "1.4.2", of a version or of the three numbers an advertisement carries.
 std::string pkg_version_text(const pkg_version_t &v);
+std::string pkg_version_text(const uint16_t v[3]);

@@ -4,6 +4,7 @@
 
 #include "lib/sys/le_bytes.h"
 #include "proto/package.h"
+#include "proto/version.h"
 
 #include <algorithm>
 #include <atomic>
@@ -355,9 +356,7 @@ struct updater {
                                                 std::to_string(p.confirm_timeout_s) +
                                                 " s of its reboot");
         }
-        const uint16_t *v = a.adv.curr_sw_v;
-        out.version_after =
-            std::to_string(v[0]) + "." + std::to_string(v[1]) + "." + std::to_string(v[2]);
+        out.version_after = pkg_version_text(a.adv.curr_sw_v);
         if (!p.expected_version.empty() && out.version_after != p.expected_version) {
             out.confirmation = "old version";
             return fail(SWUC_EXIT_OLD_VERSION, "the terminal came back running " +

@@ -142,7 +142,7 @@ json console_backend::plan(const std::string &path, const std::vector<std::strin
         list.push_back({{"key", key_of(heard[i])},
                         {"name", name_of(heard[i])},
                         {"identity", swuc_advert_id(heard[i].adv)},
-                        {"from", format_version(heard[i].adv.curr_sw_v)},
+                        {"from", pkg_version_text(heard[i].adv.curr_sw_v)},
                         {"to", to},
                         {"take", go ? "update" : "skip"},
                         {"why", go ? "" : reason}});

@@ -70,11 +70,6 @@ std::string format_table(const std::vector<std::vector<std::string>> &rows)
     return text;
 }
 
-std::string format_version(const uint16_t v[3])
-{
-    return std::to_string(v[0]) + "." + std::to_string(v[1]) + "." + std::to_string(v[2]);
-}
-
 update_view::update_view(FILE *out, bool bar, std::string prefix, std::mutex *lock, int line_step)
     : out_(out), bar_(bar), prefix_(std::move(prefix)), lock_(lock), line_step_(line_step)
 {
@@ -236,8 +231,8 @@ nlohmann::json advert_json(const swuc_advert &a)
     return {{"address", addr},
             {"port", adv.rx_port},
             {"identity", swuc_advert_id(adv)},
-            {"installed_version", format_version(adv.curr_sw_v)},
-            {"factory_version", format_version(adv.factory_sw_v)},
+            {"installed_version", pkg_version_text(adv.curr_sw_v)},
+            {"factory_version", pkg_version_text(adv.factory_sw_v)},
             {"config_version", adv.conf_ver},
             {"terminal_type", adv.term_type == SWU_TERM_TYPE_STATIC ? "static" : "dynamic"},
             {"busy", adv.connection_status != SWU_CON_STATUS_AVAIL}};
@@ -248,7 +243,7 @@ nlohmann::json report_line(const report_entry &e, uint32_t package_crc)
     const update_outcome &out = e.out;
     nlohmann::json line = {{"identity", swuc_advert_id(e.advert.adv)},
                            {"address", e.name},
-                           {"version_before", format_version(e.advert.adv.curr_sw_v)},
+                           {"version_before", pkg_version_text(e.advert.adv.curr_sw_v)},
                            {"version_after", out.version_after},
                            {"package_name", out.name},
                            {"package_crc", package_crc},

@@ -60,9 +60,6 @@ double progress_rate(const swuc_progress &p, double elapsed_s);
 // Columns padded to their widest cell; the first row is the heading.
 std::string format_table(const std::vector<std::vector<std::string>> &rows);
 
-// "1.2.3".
-std::string format_version(const uint16_t v[3]);
-
 nlohmann::json status_json(const swuc_status &st);
 nlohmann::json outcome_json(const update_outcome &o);
 nlohmann::json advert_json(const swuc_advert &a);

@@ -88,7 +88,7 @@ int cmd_update(const client_options &o, const std::string &host, const std::stri
         t.identity = swuc_advert_id(adv.adv);
         pkg_version_t installed;
         std::copy(adv.adv.curr_sw_v, adv.adv.curr_sw_v + 3, installed.v);
-        j["installed_version"] = pkg_version_text(installed);
+        j["installed_version"] = pkg_version_text(installed.v);
         j["identity"] = t.identity;
         if (!o.json && o.dry_run)
             printf("versions   package %s, installed %s\n",

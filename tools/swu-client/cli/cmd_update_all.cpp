@@ -124,7 +124,7 @@ int cmd_update_all(const client_options &o, const std::string &package, const up
     for (const job &jb : jobs) {
         const std::string id = swuc_advert_id(jb.advert.adv);
         const std::string shown_id = printable(id);
-        const std::string from = format_version(jb.advert.adv.curr_sw_v);
+        const std::string from = pkg_version_text(jb.advert.adv.curr_sw_v);
         foreign += jb.out.foreign;
         if (jb.take == FLEET_STRANGER) {
             stranger_rows.push_back({jb.name, shown_id, jb.why});
