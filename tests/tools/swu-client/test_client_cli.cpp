@@ -9,6 +9,7 @@
 
 #include <nlohmann/json.hpp>
 
+#include <fstream>
 #include <sstream>
 #include <thread>
 
@@ -234,6 +235,12 @@ TEST_F(ClientCli, ExitCodesArePrintedFromTheirTable)
         << r.out;
     r = client(root_, {"--help"});
     EXPECT_NE(r.out.find(swuc_exit_code_help()), std::string::npos) << r.out;
+    // The manual's list is a copy of the same output.
+    std::ifstream in(SWU_SOURCE_DIR "/docs/manual.md");
+    const std::string manual((std::istreambuf_iterator<char>(in)), {});
+    EXPECT_NE(manual.find("<!-- exit-codes -->\n```\n" + swuc_exit_code_help() + "\n```\n"),
+              std::string::npos)
+        << "docs/manual.md: paste in the output of swu-client --exit-codes";
 }
 
 // The terminal runs 1.2.3: the same version or an older one is not sent
