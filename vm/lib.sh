@@ -64,27 +64,34 @@ vm_flash() {
 # $VM_DIR/sd.img and the flash $VM_DIR/flash.img; returns once the terminal's
 # start scripts have run.
 vm_start() {
-  local initiate=$1 err=$2
+  local regs="ovmisc.initiate_update=$1 ovmisc.err_boot=$2 swuvm.ip=$VM_GUEST_IP"
   shift 2
   "$VM_BIN/stm32-sim" --link "$VM_DIR/ttyUL1" --state "$VM_DIR/stm32.state" "$@" \
     >>"$VM_DIR/stm32-sim.log" 2>&1 &
   vm_pids+=($!)
   vm_wait "$VM_DIR/stm32-sim.log" "stm32-sim: ready" 10 || return 1
+  local machine=(-M xilinx-zynq-a9 -append "console=ttyPS0,115200 nosmp $regs"
+    -dtb "$VM_IMAGE/terminal.dtb"
+    -chardev serial,id=mcu,path="$VM_DIR/ttyUL1" -serial chardev:mcu
+    -chardev pipe,id=con,path="$VM_DIR/con" -serial chardev:con
+    -drive if=sd,index=0,format=raw,file="$VM_DIR/card.img"
+    -drive if=sd,index=1,format=raw,file="$VM_DIR/sd.img"
+    -drive if=mtd,index=8,format=raw,file="$VM_DIR/flash.img"
+    -nic tap,ifname=tap0,script=no,downscript=no,model=cadence_gem)
+  # VM_MACHINE=virt: QEMU's virt machine with two Cortex-A15 cores, for what
+  # the one-core Zynq machine cannot show; cards on virtio, no flash, no line.
+  [ "${VM_MACHINE:-}" = virt ] && machine=(-M virt,highmem=off -cpu cortex-a15 -smp 2
+    -append "console=ttyAMA0 $regs" -chardev pipe,id=con,path="$VM_DIR/con" -serial chardev:con
+    -drive if=none,id=sd,format=raw,file="$VM_DIR/sd.img" -device virtio-blk-device,drive=sd
+    -drive if=none,id=card,format=raw,file="$VM_DIR/card.img" -device virtio-blk-device,drive=card
+    -netdev tap,id=net,ifname=tap0,script=no,downscript=no -device virtio-net-device,netdev=net)
   rm -f "$VM_DIR/con.in" "$VM_DIR/con.out"
   mkfifo "$VM_DIR/con.in" "$VM_DIR/con.out"
   : >"$VM_DIR/console.log"
   cat "$VM_DIR/con.out" >>"$VM_DIR/console.log" &
   vm_pids+=($!)
-  qemu-system-arm -M xilinx-zynq-a9 -m 512M -display none -monitor none -nodefaults \
-    -kernel "$VM_IMAGE/zImage" -dtb "$VM_IMAGE/terminal.dtb" \
-    -initrd "$VM_IMAGE/initramfs.cpio.gz" \
-    -append "console=ttyPS0,115200 nosmp ovmisc.initiate_update=$initiate ovmisc.err_boot=$err swuvm.ip=$VM_GUEST_IP" \
-    -chardev serial,id=mcu,path="$VM_DIR/ttyUL1" -serial chardev:mcu \
-    -chardev pipe,id=con,path="$VM_DIR/con" -serial chardev:con \
-    -drive if=sd,index=0,format=raw,file="$VM_DIR/card.img" \
-    -drive if=sd,index=1,format=raw,file="$VM_DIR/sd.img" \
-    -drive if=mtd,index=8,format=raw,file="$VM_DIR/flash.img" \
-    -nic tap,ifname=tap0,script=no,downscript=no,model=cadence_gem \
+  qemu-system-arm -m 512M -display none -monitor none -nodefaults \
+    -kernel "$VM_IMAGE/zImage" -initrd "$VM_IMAGE/initramfs.cpio.gz" "${machine[@]}" \
     >"$VM_DIR/qemu.log" 2>&1 &
   vm_qemu=$!
   vm_pids+=($vm_qemu)
