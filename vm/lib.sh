@@ -18,7 +18,8 @@ vm_fail() {
   return 1
 }
 
-# Each prerequisite named in one line when missing.
+# vm_require [BIN]: each prerequisite named in one line when missing; BIN is
+# where the host tools should be.
 vm_require() {
   command -v qemu-system-arm >/dev/null || vm_fail "qemu-system-arm is missing" || return 1
   [ -c /dev/net/tun ] || vm_fail "/dev/net/tun is missing (no tap device for the guest)" || return 1
@@ -27,6 +28,9 @@ vm_require() {
   local tool
   for tool in mcopy mkfs.fat sfdisk cpio; do
     command -v $tool >/dev/null || vm_fail "$tool is missing" || return 1
+  done
+  for tool in stm32-sim swu-client swu-pack; do
+    [ -z "${1:-}" ] || [ -x "$1/$tool" ] || vm_fail "$1/$tool is missing" || return 1
   done
 }
 
@@ -50,6 +54,19 @@ vm_card() {
   echo "2048,$sectors,c" | sfdisk -q "$img" >/dev/null
   mkfs.fat -S 512 --offset 2048 "$img" $((sectors / 2)) >/dev/null 2>&1
   [ $# -eq 0 ] || mcopy -i "$img@@1M" "$@" ::
+}
+
+# vm_part1 IMAGE: start and size of partition 1, in sectors.
+vm_part1() {
+  sfdisk -d "$1" 2>/dev/null | sed -n 's/.*1 : start= *\([0-9]*\), size= *\([0-9]*\).*/\1 \2/p'
+}
+
+# vm_card_get IMAGE PATH OUT: a file from the card's partition 1, wherever
+# that starts (BusyBox fdisk does not start it at 1 MiB).
+vm_card_get() {
+  local at
+  at=$(vm_part1 "$1") && [ -n "$at" ] || return 1
+  mcopy -n -i "$1@@$((${at% *} * 512))" "::$2" "$3"
 }
 
 # vm_flash IMAGE IDENTITY: the QSPI flash (16 MiB, erased) with the identity
@@ -124,6 +141,44 @@ vm_run() {
   vm_wait "$VM_DIR/console.log" "^$mark" "${2:-60}" || return 1
   tail -n +$((from + 1)) "$VM_DIR/console.log" | tr -d '\r' |
     awk -v m="$mark" 'index($0, m) == 1 { exit } { print }'
+}
+
+vm_boots() { grep -c 'swu-vm: ready' "$VM_DIR/console.log"; }
+
+# Figures, emulated ones: to compare, never targets.
+# vm_time WHAT COMMAND: a command in the guest, timed there by BusyBox.
+vm_time() {
+  echo "figure: $1: $(vm_run "time sh -c '$2 >/dev/null 2>&1'" 600 | sed -n 's/^real[[:space:]]*//p')"
+}
+
+# vm_figures TGZ: the daemon's own steps in the guest: the stream request's
+# zero-fill on the SD card, unpacking TGZ (a package without its footer, on
+# the SD card), copying its app.img to the card and its MD5 there.
+vm_figures() {
+  local m
+  for m in 8 64; do
+    vm_time "stream request's zero-fill, $m MiB" \
+      "dd if=/dev/zero of=/media/SDcard/swu/probe bs=1 count=1 seek=$((m * 1048576 - 1))"
+    vm_run 'rm /media/SDcard/swu/probe'
+  done
+  vm_run 'mkdir /tmp/b /tmp/card; mount /dev/mmcblk0p1 /tmp/card'
+  vm_time "unpack $(basename "$1")" "tar -o -xzf $1 -C /tmp/b"
+  vm_time "copy its app.img to the card" 'cp /tmp/b/app.img /tmp/card/ && sync'
+  vm_run 'umount /tmp/card; mount /dev/mmcblk0p1 /tmp/card'
+  vm_time "md5 of that copy" 'md5sum /tmp/card/app.img'
+  vm_run "rm -r /tmp/b /tmp/card/app.img $1; umount /tmp/card"
+}
+
+# vm_stream_figure JSON: from swu-client update --json.
+vm_stream_figure() {
+  jq -r '"figure: stream \(.bytes / 1048576 | floor) MiB in \(.stream_seconds) s, \(.stream_bytes_per_second / 1048576 * 100 | floor / 100) MiB/s, \(.retransmitted) of \(.packets) packets resent; check \(.check_seconds) s, install \(.install_seconds) s"' "$1"
+}
+
+# vm_mcu_figure LOG: microcontroller programming, from the daemon's log.
+vm_mcu_figure() {
+  grep -a -E 'Starting STM software|SUCCESS to update STM' "$1" |
+    sed -n 's/.*Time: \([0-9]*\)(ms).*/\1/p' | paste -sd' ' |
+    awk 'NF == 2 { printf "figure: microcontroller programming: %.2f s\n", ($2 - $1) / 1e3 }'
 }
 
 # vm_stop: stops the guest, with its file systems synced first as a power

@@ -18,15 +18,12 @@ if [ "${1:-}" != "--in-namespace" ]; then
   armhf=$(realpath "${1:?usage: system_test.sh ARMHF_BUILD_DIR DEV_BUILD_DIR}")
   dev=$(realpath "${2:?usage: system_test.sh ARMHF_BUILD_DIR DEV_BUILD_DIR}")
   . "$repo/vm/lib.sh"
-  vm_require || { echo "system: 0 passed, 1 failed"; exit 1; }
-  for tool in stm32-sim swu-client swu-pack; do
-    [ -x "$dev/bin/$tool" ] || { echo "system: $dev/bin/$tool is missing; 0 passed, 1 failed"; exit 1; }
-  done
+  vm_require "$dev/bin" || { echo "system: 0 passed, 1 failed"; exit 1; }
   image=$(mktemp -d /tmp/swu-system.XXXXXX)
   # SWU_SYSTEM_KEEP=1 keeps the images, logs and console for a look.
   trap '[ -n "${SWU_SYSTEM_KEEP:-}" ] && echo "kept $image" || rm -rf "$image"' EXIT
   "$repo/vm/build" "$armhf" "$image" >"$image/build.log" 2>&1 || {
-    grep 'vm/build:' "$image/build.log" | tail -n 3
+    grep 'vm/build:' "$image/build.log" | tail -n 1
     echo "system: 0 passed, 1 failed"
     exit 1
   }
@@ -34,9 +31,8 @@ if [ "${1:-}" != "--in-namespace" ]; then
   exit $?
 fi
 
-export VM_IMAGE=$2 VM_BIN=$3
-export VM_DIR=$VM_IMAGE/run
-export XDG_STATE_HOME=$VM_DIR/client-state
+# The client's remembered sessions stay with this run.
+export VM_IMAGE=$2 VM_BIN=$3 VM_DIR=$2/run XDG_STATE_HOME=$2/run/client-state
 . "$repo/vm/lib.sh"
 mkdir -p "$VM_DIR"
 trap vm_stop EXIT
@@ -44,49 +40,24 @@ vm_net || exit 1
 
 passed=0
 failed=0
-ok() {
-  passed=$((passed + 1))
-  echo "PASS $case: $1"
-}
-bad() {
-  failed=$((failed + 1))
-  echo "FAIL $case: $1"
-}
 # check DESCRIPTION COMMAND...
 check() {
   local what=$1
   shift
-  if "$@"; then ok "$what"; else bad "$what"; fi
+  if "$@"; then passed=$((passed + 1)) r=PASS; else failed=$((failed + 1)) r=FAIL; fi
+  echo "$r $case: $what"
 }
 # field FILE JQ_EXPRESSION EXPECTED
-field() {
-  local got
-  got=$(jq -r "$2" "$1" 2>/dev/null)
-  [ "$got" = "$3" ] && return 0
-  echo "  $2 is '$got', not '$3' in $1:" && head -c 2000 "$1" && echo
-  return 1
-}
+field() { [ "$(jq -r "$2" "$1" 2>/dev/null)" = "$3" ] || { echo "  not '$3' in $1:" && cat "$1" && false; }; }
 client() { "$VM_BIN/swu-client" "$@"; }
-# part1 IMAGE: start and size of partition 1, in sectors.
-part1() { sfdisk -d "$1" 2>/dev/null | sed -n 's/.*1 : start= *\([0-9]*\), size= *\([0-9]*\).*/\1 \2/p'; }
 # on_card IMAGE NAME FILE: the file on partition 1 equals FILE.
-on_card() {
-  local at
-  at=$(part1 "$1") && at=${at% *} || return 1
-  mcopy -n -i "$1@@$((at * 512))" "::$2" "$VM_DIR/from-card" && cmp -s "$VM_DIR/from-card" "$3"
-}
+on_card() { vm_card_get "$1" "$2" "$VM_DIR/from-card" && cmp -s "$VM_DIR/from-card" "$3"; }
 # reason BITS: the connection response carries the boot registers' reason.
 reason() {
   client status "$terminal" --json >"$VM_DIR/status.json"
   check "reason bits $1" field "$VM_DIR/status.json" .update_reason_bits "$1"
 }
-# timed WHAT COMMAND: a figure from the guest, timed there by BusyBox.
-timed() { echo "figure: $1: $(vm_run "time sh -c '$2 >/dev/null 2>&1'" 600 | sed -n 's/^real[[:space:]]*//p')"; }
-boots() { grep -c 'swu-vm: ready' "$VM_DIR/console.log"; }
-finish_case() {
-  vm_stop
-  cp "$VM_DIR/console.log" "$VM_DIR/console-$case.log"
-}
+finish_case() { vm_stop && cp "$VM_DIR/console.log" "$VM_DIR/console-$case.log"; }
 
 art=$VM_DIR/art
 mkdir -p "$art/old" "$art/new" "$art/big"
@@ -109,7 +80,7 @@ case=full_update
 vm_card "$VM_DIR/card.img" 256 0 "$art"/old/*
 vm_card "$VM_DIR/sd.img" 128 0
 if vm_start 0xFAACABBA 0 --image "$art/old/st.bin"; then
-  ok "booted in $(sed -n 's/.*swu-vm: ready after \([0-9.]*\) s.*/\1/p' "$VM_DIR/console.log") s (uptime)"
+  echo "figure: boot to the daemon's start: $(sed -n 's/.*swu-vm: ready after //p' "$VM_DIR/console.log")"
   client discover --timeout 4 --json >"$VM_DIR/discover.json"
   check "the advertisement carries the identity and 1.2.3" \
     field "$VM_DIR/discover.json" '.[0] | "\(.identity) \(.installed_version) \(.factory_version)"' \
@@ -118,7 +89,7 @@ if vm_start 0xFAACABBA 0 --image "$art/old/st.bin"; then
     >"$VM_DIR/full.json"
   check "updated and confirmed at 2.0.0 after the reboot" \
     field "$VM_DIR/full.json" '"\(.result) \(.reboot_confirmed) \(.version_after)"' "updated true 2.0.0"
-  check "the reboot reset the guest" [ "$(boots)" -eq 2 ]
+  check "the reboot reset the guest" [ "$(vm_boots)" -eq 2 ]
   check "the reboot mode was set to production" \
     grep -q 'ovmisc: reboot mode 0x00000000' "$VM_DIR/console.log"
   reason 1
@@ -129,9 +100,7 @@ for f in app.img app.conf pkg_ver.txt st.bin; do
 done
 check "the microcontroller's flash holds the new st.bin" \
   cmp -s <(tail -c 8192 "$VM_DIR/stm32.state") "$art/new/st.bin"
-mtype -i "$VM_DIR/sd.img@@1M" ::swu/swu.log.0 | grep -a -E 'Starting STM software|SUCCESS to update STM' |
-  sed -n 's/.*Time: \([0-9]*\)(ns).*/\1/p' | paste -sd' ' |
-  awk 'NF == 2 { printf "figure: microcontroller programming, 8 KiB: %.2f s\n", ($2 - $1) / 1e9 }'
+vm_card_get "$VM_DIR/sd.img" swu/swu.log.0 "$VM_DIR/swu.log" && vm_mcu_figure "$VM_DIR/swu.log"
 
 # ------------------------------------------------------- recovered_attempt
 case=recovered_attempt
@@ -144,12 +113,12 @@ if vm_start 0xFAACABBA 0xDEADBEEF; then
   reason 3
 fi
 finish_case
-part=$(part1 "$VM_DIR/card.img")
+part=$(vm_part1 "$VM_DIR/card.img")
 check "BusyBox fdisk gave partition 1 the whole card ($part)" [ "${part#* }" -gt 400000 ]
 check "the reformatted card holds the new app.img" \
   on_card "$VM_DIR/card.img" app.img "$art/new/app.img"
-sd_log_has() { mtype -i "$VM_DIR/sd.img@@1M" ::swu/swu.log.0 | grep -a -q "$1"; }
-check "the first attempt failed at the card" sd_log_has 'cpy_files_2_emmc faild'
+vm_card_get "$VM_DIR/sd.img" swu/swu.log.0 "$VM_DIR/swu.log"
+check "the first attempt failed at the card" grep -a -q 'cpy_files_2_emmc faild' "$VM_DIR/swu.log"
 
 # ---------------------------------------------------------- large_packages
 case=large_packages
@@ -166,26 +135,14 @@ if vm_start 0 0xD00EFAAC; then
   check "a package too large for the SD card is refused with status 3" \
     field "$VM_DIR/too-large.json" '"\(.result) \(.status.status_code)"' "failed 3"
   check "the daemon lives on" vm_run 'pidof swu >/dev/null'
-  # Figures: the daemon's own steps, timed by BusyBox in the guest.
   vm_run 'rm /media/SDcard/filler'
-  for m in 8 64; do
-    timed "stream request's zero-fill, $m MiB" \
-      "dd if=/dev/zero of=/media/SDcard/swu/probe bs=1 count=1 seek=$((m * 1048576 - 1))"
-    vm_run 'rm /media/SDcard/swu/probe'
-  done
-  vm_run 'mkdir /tmp/b /tmp/card; mount /dev/mmcblk0p1 /tmp/card'
-  timed "unpack 64 MiB" 'tar -o -xzf /media/SDcard/bench.tgz -C /tmp/b'
-  timed "copy 64 MiB to the card" 'cp /tmp/b/app.img /tmp/card/ && sync'
-  vm_run 'umount /tmp/card; mount /dev/mmcblk0p1 /tmp/card'
-  timed "md5 of 64 MiB on the card" 'md5sum /tmp/card/app.img'
-  vm_run 'rm -r /tmp/b /tmp/card/app.img /media/SDcard/bench.tgz; umount /tmp/card'
+  vm_figures /media/SDcard/bench.tgz
   client update "$terminal" "$VM_DIR/update-3.0.0.swu" --confirm-timeout 180 --json \
     >"$VM_DIR/big.json"
   check "64 MiB installed and confirmed at 3.0.0" \
     field "$VM_DIR/big.json" '"\(.result) \(.version_after)"' "updated 3.0.0"
   reason 6
-  jq -r '"figure: 64 MiB stream \(.stream_seconds) s, \(.stream_bytes_per_second / 1048576 * 100 | floor / 100) MiB/s, \(.retransmitted) of \(.packets) packets resent; check \(.check_seconds) s, install \(.install_seconds) s"' \
-    "$VM_DIR/big.json"
+  vm_stream_figure "$VM_DIR/big.json"
 fi
 finish_case
 check "the card holds the 64 MiB artifact" on_card "$VM_DIR/card.img" app.img "$art/big/app.img"

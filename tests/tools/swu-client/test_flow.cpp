@@ -60,17 +60,12 @@ TEST(Rto, FollowsTheRoundTripBetweenItsFloorAndCeilingAndBacksOff)
         r.back_off();
     EXPECT_EQ(r.rto_us, 1000 * MS) << "the ceiling holds";
     r.raise_floor(30 * MS);
-    EXPECT_EQ(r.floor_us, 30 * MS);
-    EXPECT_EQ(r.rto_us, 1000 * MS);
     r.raise_floor(10 * MS);
     EXPECT_EQ(r.floor_us, 30 * MS) << "it only rises";
     r.raise_floor(900 * MS);
     EXPECT_EQ(r.floor_us, 250 * MS) << "to a quarter of the ceiling at most";
     r.lower_floor();
-    EXPECT_EQ(r.floor_us, 125 * MS);
-    for (int i = 0; i < 10; i++)
-        r.lower_floor();
-    EXPECT_EQ(r.floor_us, 2 * MS) << "and back down to where it started";
+    EXPECT_EQ(r.floor_us, 125 * MS) << "and halfway back down";
 }
 
 TEST(Flow, SegmentOneIsProbedWithSegmentTwoAndSentAgainOnlyWhenProbesGoUnanswered)
@@ -233,16 +228,14 @@ TEST(Flow, ATimeOutTheTerminalShowsToBeADelayGivesTheWindowBackAndRaisesTheFloor
     // It wakes up and answers the first packets, then the copies of them.
     const int64_t first_left = t - f.rto().rto_us;
     ASSERT_TRUE(f.acked(first + 3, t + MS));
-    EXPECT_EQ(f.late_timeouts(), 0u);
     EXPECT_FALSE(f.acked(first, t + 2 * MS));
     EXPECT_EQ(f.late_timeouts(), 1u);
     EXPECT_EQ(f.window(), 16.0) << "the cut is given back";
     EXPECT_EQ(f.next(), top + 1) << "the rest of the window is not sent a third time";
-    EXPECT_EQ(f.rto().floor_us, t + 2 * MS - first_left) << "as long as the first packet took";
+    const int64_t raised = f.rto().floor_us;
+    EXPECT_EQ(raised, t + 2 * MS - first_left) << "as long as the first packet took";
     EXPECT_FALSE(f.acked(first + 1, t + 9 * MS));
     EXPECT_EQ(f.late_timeouts(), 1u) << "one time-out, one lesson";
-    const int64_t raised = f.rto().floor_us;
-    EXPECT_EQ(raised, t + 2 * MS - first_left);
     // Time-outs that nothing shows late were losses: each brings it down.
     ASSERT_TRUE(f.expire(f.deadline_us()));
     EXPECT_EQ(f.rto().floor_us, raised);
