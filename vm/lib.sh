@@ -143,6 +143,9 @@ vm_run() {
     awk -v m="$mark" 'index($0, m) == 1 { exit } { print }'
 }
 
+# vm_true COMMAND: the command's own result on the guest.
+vm_true() { [ "$(vm_run "{ $1; } >/dev/null 2>&1; echo \$?")" = 0 ]; }
+
 vm_boots() { grep -c 'swu-vm: ready' "$VM_DIR/console.log"; }
 
 # Figures, emulated ones: to compare, never targets.

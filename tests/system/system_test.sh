@@ -53,10 +53,7 @@ client() { "$VM_BIN/swu-client" "$@"; }
 # on_card IMAGE NAME FILE: the file on partition 1 equals FILE.
 on_card() { vm_card_get "$1" "$2" "$VM_DIR/from-card" && cmp -s "$VM_DIR/from-card" "$3"; }
 # reason BITS: the connection response carries the boot registers' reason.
-reason() {
-  client status "$terminal" --json >"$VM_DIR/status.json"
-  check "reason bits $1" field "$VM_DIR/status.json" .update_reason_bits "$1"
-}
+reason() { client status "$terminal" --json >"$VM_DIR/s.json"; check "reason bits $1" field "$VM_DIR/s.json" .update_reason_bits "$1"; }
 finish_case() { vm_stop && cp "$VM_DIR/console.log" "$VM_DIR/console-$case.log"; }
 
 art=$VM_DIR/art
@@ -80,6 +77,7 @@ case=full_update
 vm_card "$VM_DIR/card.img" 256 0 "$art"/old/*
 vm_card "$VM_DIR/sd.img" 128 0
 if vm_start 0xFAACABBA 0 --image "$art/old/st.bin"; then
+  check "mtd1 erases and takes a write" vm_true 'flash_erase -q /dev/mtd1 0 0 && printf swu >/dev/mtd1'
   echo "figure: boot to the daemon's start: $(sed -n 's/.*swu-vm: ready after //p' "$VM_DIR/console.log")"
   client discover --timeout 4 --json >"$VM_DIR/discover.json"
   check "the advertisement carries the identity and 1.2.3" \
@@ -98,6 +96,7 @@ finish_case
 for f in app.img app.conf pkg_ver.txt st.bin; do
   check "the card holds the new $f" on_card "$VM_DIR/card.img" "$f" "$art/new/$f"
 done
+check "the write reached the flash" cmp -s <(printf 'swu\377') <(tail -c +262145 "$VM_DIR/flash.img" | head -c 4)
 check "the microcontroller's flash holds the new st.bin" \
   cmp -s <(tail -c 8192 "$VM_DIR/stm32.state") "$art/new/st.bin"
 vm_card_get "$VM_DIR/sd.img" swu/swu.log.0 "$VM_DIR/swu.log" && vm_mcu_figure "$VM_DIR/swu.log"
@@ -134,7 +133,7 @@ if vm_start 0 0xD00EFAAC; then
   client update "$terminal" "$VM_DIR/update-3.0.0.swu" --json >"$VM_DIR/too-large.json"
   check "a package too large for the SD card is refused with status 3" \
     field "$VM_DIR/too-large.json" '"\(.result) \(.status.status_code)"' "failed 3"
-  check "the daemon lives on" vm_run 'pidof swu >/dev/null'
+  check "the daemon lives on" vm_true 'pidof swu'
   vm_run 'rm /media/SDcard/filler'
   vm_figures /media/SDcard/bench.tgz
   client update "$terminal" "$VM_DIR/update-3.0.0.swu" --confirm-timeout 180 --json \
