@@ -21,6 +21,7 @@ vm_fail() {
 # vm_require [BIN]: each prerequisite named in one line when missing; BIN is
 # where the host tools should be.
 vm_require() {
+  [ "$(id -u)" -eq 0 ] || vm_fail "needs root (a network namespace and a tap device)" || return 1
   command -v qemu-system-arm >/dev/null || vm_fail "qemu-system-arm is missing" || return 1
   [ -c /dev/net/tun ] || vm_fail "/dev/net/tun is missing (no tap device for the guest)" || return 1
   command -v arm-linux-gnueabihf-gcc >/dev/null ||
@@ -144,7 +145,8 @@ vm_run() {
 }
 
 # vm_true COMMAND: the command's own result on the guest.
-vm_true() { [ "$(vm_run "{ $1; } >/dev/null 2>&1; echo \$?")" = 0 ]; }
+# (Kernel messages may come out on the console in between.)
+vm_true() { vm_run "{ $1; } >/dev/null 2>&1; echo swu-vm-status=\$?" | grep -q '^swu-vm-status=0'; }
 
 vm_boots() { grep -c 'swu-vm: ready' "$VM_DIR/console.log"; }
 
@@ -188,7 +190,7 @@ vm_mcu_figure() {
 # off would find them, and the simulator.
 vm_stop() {
   local pid
-  [ -n "${vm_qemu:-}" ] && kill -0 "$vm_qemu" 2>/dev/null && vm_run sync 30 >/dev/null
+  [ -n "${vm_qemu:-}" ] && kill -0 "$vm_qemu" 2>/dev/null && vm_run sync 10 >/dev/null 2>&1
   for pid in "${vm_pids[@]}"; do
     kill "$pid" 2>/dev/null || true
   done

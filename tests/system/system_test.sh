@@ -76,7 +76,7 @@ terminal=$VM_GUEST_IP
 case=full_update
 vm_card "$VM_DIR/card.img" 256 0 "$art"/old/*
 vm_card "$VM_DIR/sd.img" 128 0
-if vm_start 0xFAACABBA 0 --image "$art/old/st.bin"; then
+if check "the guest boots" vm_start 0xFAACABBA 0 --image "$art/old/st.bin" && [ $r = PASS ]; then
   check "mtd1 erases and takes a write" vm_true 'flash_erase -q /dev/mtd1 0 0 && printf swu >/dev/mtd1'
   echo "figure: boot to the daemon's start: $(sed -n 's/.*swu-vm: ready after //p' "$VM_DIR/console.log")"
   client discover --timeout 4 --json >"$VM_DIR/discover.json"
@@ -105,7 +105,7 @@ vm_card_get "$VM_DIR/sd.img" swu/swu.log.0 "$VM_DIR/swu.log" && vm_mcu_figure "$
 case=recovered_attempt
 vm_card "$VM_DIR/card.img" 256 4 "$art"/old/*
 vm_card "$VM_DIR/sd.img" 128 0
-if vm_start 0xFAACABBA 0xDEADBEEF; then
+if check "the guest boots" vm_start 0xFAACABBA 0xDEADBEEF && [ $r = PASS ]; then
   client update "$terminal" "$VM_DIR/update-2.0.0.swu" --confirm-timeout 180 --json \
     >"$VM_DIR/recovered.json"
   check "updated after the card's recovery" field "$VM_DIR/recovered.json" .result updated
@@ -126,7 +126,7 @@ vm_card "$VM_DIR/card.img" 256 0 "$art"/old/*
 head -c -12 "$VM_DIR/update-3.0.0.swu" >"$VM_DIR/bench.tgz"
 truncate -s 420M "$VM_DIR/filler"
 vm_card "$VM_DIR/sd.img" 512 0 "$VM_DIR/filler" "$VM_DIR/bench.tgz"
-if vm_start 0 0xD00EFAAC; then
+if check "the guest boots" vm_start 0 0xD00EFAAC && [ $r = PASS ]; then
   client discover --timeout 4 --json >"$VM_DIR/discover.json"
   check "the advertisement carries the factory version 0.1.3" \
     field "$VM_DIR/discover.json" '.[0].factory_version' 0.1.3
