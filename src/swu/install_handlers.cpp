@@ -9,6 +9,7 @@
 #include "swu/pkg_install.h"
 #include "swu/status.h"
 #include "swu/stream_handlers.h"
+#include "swu/swu.h"
 
 #include <cerrno>
 #include <cstdio>
@@ -28,6 +29,7 @@ char g_install_pkg_path[PKG_NAME_SIZE];
 
 void *install_thrd_entry(void *arg)
 {
+    swu_release_core();
     pkg_install_thrd_proc(arg);
     g_install_thrd_alive = 0;
     return nullptr;

@@ -52,6 +52,11 @@ std::atomic<uint16_t> g_seq_num{0};
     exit(err);
 }
 
+// The cores the service started with; the installation thread goes back to
+// them.
+cpu_set_t g_start_cores;
+bool g_start_cores_known = false;
+
 // Every packet is handed from the receive thread to the main thread and its
 // acknowledgement on to the transmit thread. On one core a hand-over is a
 // plain task switch; across cores each is an interrupt that wakes the other
@@ -60,6 +65,7 @@ std::atomic<uint16_t> g_seq_num{0};
 // cannot be read or kept, the scheduler places the threads as it likes.
 void keep_to_one_core()
 {
+    g_start_cores_known = sched_getaffinity(0, sizeof(g_start_cores), &g_start_cores) == 0;
     const int cpu = sched_getcpu();
     if (cpu < 0)
         return;
@@ -70,6 +76,12 @@ void keep_to_one_core()
 }
 
 } // namespace
+
+void swu_release_core()
+{
+    if (g_start_cores_known)
+        sched_setaffinity(0, sizeof(g_start_cores), &g_start_cores);
+}
 
 void swu_parse_options(int argc, char **argv)
 {

@@ -118,6 +118,11 @@ int swu_init_context(swu_data_t *swu_data, const struct timespec *q_wait);
 // sockets, destroys the thread attributes. Returns 0.
 int swu_cleanup(swu_data_t *swu_data);
 
+// Puts the calling thread back on every core the service started with. The
+// packet threads share one core; the installation thread's unpacking, copying
+// and checking (and the tools it runs) hand nothing to them and use any core.
+void swu_release_core();
+
 // Creates the advertisement, receive and transmit threads in that order.
 // 0; or, when one cannot be created, the error number after the threads
 // already started have been stopped again.

@@ -23,6 +23,18 @@ void swuc_rto::back_off()
     rto_us = std::min(rto_us * 2, ceil_us);
 }
 
+void swuc_rto::lower_floor()
+{
+    floor_us = std::max(base_floor_us, floor_us / 2);
+    rto_us = std::clamp(rto_us, floor_us, ceil_us);
+}
+
+void swuc_rto::raise_floor(int64_t us)
+{
+    floor_us = std::clamp(us, floor_us, std::max(floor_us, ceil_us / 4));
+    rto_us = std::clamp(rto_us, floor_us, ceil_us);
+}
+
 namespace
 {
 
@@ -86,6 +98,8 @@ void swuc_flow::sent(uint64_t seg, int64_t now_us)
     slot &s = at(seg);
     s.again = seg <= highest_;
     s.sent_us = now_us;
+    if (!s.again)
+        s.first_us = now_us;
     if (s.again)
         resent_++;
     highest_ = std::max(highest_, seg);
@@ -104,6 +118,22 @@ void swuc_flow::sent(uint64_t seg, int64_t now_us)
 
 bool swuc_flow::acked(uint64_t seg, int64_t now_us)
 {
+    if (seg < base_ && highest_ - seg < slots_.size() && at(seg).again &&
+        timeouts_ > late_seen_at_) {
+        // The terminal had a packet sent again since the latest time-out.
+        late_seen_at_ = timeouts_;
+        late_timeouts_++;
+        cwnd_ = std::max(cwnd_, undo_cwnd_);
+        ssthresh_ = std::max(ssthresh_, undo_ssthresh_);
+        recover_ = undo_recover_;
+        next_ = std::max(next_, highest_ + 1);
+        burst_left_ = 0;
+        // Only a terminal whose time-outs are mostly delays is waited for
+        // longer: on a lossy link the wait would cost each real loss.
+        if (2 * late_timeouts_ > timeouts_)
+            rto_.raise_floor(now_us - at(seg).first_us);
+        return false;
+    }
     if (seg < base_ || seg > highest_)
         return false;
     if (!at(seg).again)
@@ -137,6 +167,8 @@ bool swuc_flow::expire(int64_t now_us)
 {
     if (now_us < deadline_us())
         return false;
+    if (timeouts_ > late_seen_at_)
+        rto_.lower_floor(); // the previous time-out was never shown to be a delay
     timeouts_++;
     consecutive_++;
     if (consecutive_ > 1)
@@ -152,6 +184,9 @@ bool swuc_flow::expire(int64_t now_us)
         }
         return true;
     }
+    undo_cwnd_ = cwnd_;
+    undo_ssthresh_ = ssthresh_;
+    undo_recover_ = recover_;
     if (consecutive_ == 1 && base_ > recover_) {
         // One loss, one halving: the packets lost with it are the same loss.
         ssthresh_ = std::max(cwnd_ * BETA, 2.0);

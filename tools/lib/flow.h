@@ -12,6 +12,14 @@
 // packet's own departure, and the window shrinks on
 // each loss and grows back slowly, so a lossy link is not flooded with
 // packets that will be thrown away.
+//
+// A slow terminal (a Cortex-A9 writing its card) can stall for longer than the
+// time-out without losing anything; it then acknowledges again a packet sent
+// twice. That acknowledgement shows the time-out was a delay: the window gets
+// back what the time-out took and the rest of it is not sent again. While
+// most time-outs turn out delays, the time-out's floor rises to the time that
+// packet took, so a terminal that stalls is waited for instead of flooded; a
+// time-out never shown to be a delay was a loss and halves it again.
 #pragma once
 
 #include <cstdint>
@@ -22,7 +30,8 @@
 // deviations between a floor and a ceiling; the flow doubles it from the
 // second time-out in a row.
 struct swuc_rto {
-    int64_t floor_us;
+    int64_t base_floor_us;
+    int64_t floor_us; // raised by late time-outs, lowered by losses
     int64_t ceil_us;
     int64_t srtt_us = 0;
     int64_t rttvar_us = 0;
@@ -30,11 +39,15 @@ struct swuc_rto {
     bool sampled = false;
 
     swuc_rto(int64_t initial_us, int64_t floor, int64_t ceil)
-        : floor_us(floor), ceil_us(ceil), rto_us(initial_us)
+        : base_floor_us(floor), floor_us(floor), ceil_us(ceil), rto_us(initial_us)
     {
     }
     void sample(int64_t rtt_us);
     void back_off();
+    // A floor of at least `us`, never above a quarter of the ceiling.
+    void raise_floor(int64_t us);
+    // Halfway back to the floor it started with.
+    void lower_floor();
 };
 
 struct swuc_flow_opts {
@@ -75,13 +88,16 @@ class swuc_flow
     const swuc_rto &rto() const { return rto_; }
     uint64_t resent() const { return resent_; }
     uint32_t timeouts() const { return timeouts_; }
+    // Time-outs that the terminal showed to be delays, not losses.
+    uint32_t late_timeouts() const { return late_timeouts_; }
     // Time-outs since the window last moved.
     int consecutive_timeouts() const { return consecutive_; }
 
   private:
     struct slot {
         int64_t sent_us = 0;
-        bool again = false; // sent more than once: no round-trip sample
+        bool again = false;   // sent more than once: no round-trip sample
+        int64_t first_us = 0; // its first departure
     };
     slot &at(uint64_t seg) { return slots_[seg & (slots_.size() - 1)]; }
     const slot &at(uint64_t seg) const { return slots_[seg & (slots_.size() - 1)]; }
@@ -99,6 +115,12 @@ class swuc_flow
     int probes_ = 0;       // segment-2 probes while segment 1 is unconfirmed
     bool probe_due_ = false;
     uint32_t burst_left_ = 0; // of the burst under way
+    // The window before the latest time-out cut it.
+    double undo_cwnd_ = 0;
+    double undo_ssthresh_ = 0;
+    uint64_t undo_recover_ = 0;
+    uint32_t late_timeouts_ = 0;
+    uint32_t late_seen_at_ = 0; // time-outs counted when the last delay showed
     uint64_t resent_ = 0;
     uint32_t timeouts_ = 0;
     int consecutive_ = 0;

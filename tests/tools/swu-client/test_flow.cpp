@@ -59,6 +59,13 @@ TEST(Rto, FollowsTheRoundTripBetweenItsFloorAndCeilingAndBacksOff)
     for (int i = 0; i < 20; i++)
         r.back_off();
     EXPECT_EQ(r.rto_us, 1000 * MS) << "the ceiling holds";
+    r.raise_floor(30 * MS);
+    r.raise_floor(10 * MS);
+    EXPECT_EQ(r.floor_us, 30 * MS) << "it only rises";
+    r.raise_floor(900 * MS);
+    EXPECT_EQ(r.floor_us, 250 * MS) << "to a quarter of the ceiling at most";
+    r.lower_floor();
+    EXPECT_EQ(r.floor_us, 125 * MS) << "and halfway back down";
 }
 
 TEST(Flow, SegmentOneIsProbedWithSegmentTwoAndSentAgainOnlyWhenProbesGoUnanswered)
@@ -216,6 +223,42 @@ TEST(Flow, RepeatedStrayAndLateAcknowledgementsAreHarmless)
     EXPECT_EQ(f.base(), top + 1);
     EXPECT_EQ(f.next(), top + 1);
     EXPECT_NE(f.rto().srtt_us, srtt) << "the untouched newest one still measures";
+}
+
+TEST(Flow, ATimeOutTheTerminalShowsToBeADelayGivesTheWindowBackAndRaisesTheFloor)
+{
+    swuc_flow_opts o;
+    o.max_window = 16;
+    swuc_flow f = started(10000, o);
+    int64_t t = 2 * MS;
+    while (f.window() < 16) {
+        send_all(f, t);
+        t += 2 * MS;
+        ASSERT_TRUE(f.acked(f.next() - 1, t));
+    }
+    send_all(f, t);
+    const uint64_t first = f.base(), top = f.next() - 1;
+    // The terminal stalls past the time-out; the flow goes back and sends
+    // part of the window again.
+    t = f.deadline_us();
+    ASSERT_TRUE(f.expire(t));
+    ASSERT_EQ(send_all(f, t).size(), 11u);
+    // It wakes up and answers the first packets, then the copies of them.
+    const int64_t first_left = t - f.rto().rto_us;
+    ASSERT_TRUE(f.acked(first + 3, t + MS));
+    EXPECT_FALSE(f.acked(first, t + 2 * MS));
+    EXPECT_EQ(f.late_timeouts(), 1u);
+    EXPECT_EQ(f.window(), 16.0) << "the cut is given back";
+    EXPECT_EQ(f.next(), top + 1) << "the rest of the window is not sent a third time";
+    const int64_t raised = f.rto().floor_us;
+    EXPECT_EQ(raised, t + 2 * MS - first_left) << "as long as the first packet took";
+    EXPECT_FALSE(f.acked(first + 1, t + 9 * MS));
+    EXPECT_EQ(f.late_timeouts(), 1u) << "one time-out, one lesson";
+    // Time-outs that nothing shows late were losses: each brings it down.
+    ASSERT_TRUE(f.expire(f.deadline_us()));
+    EXPECT_EQ(f.rto().floor_us, raised);
+    ASSERT_TRUE(f.expire(f.deadline_us()));
+    EXPECT_EQ(f.rto().floor_us, raised / 2);
 }
 
 TEST(Flow, AnAcknowledgementOfAPacketSentTwiceIsNoRoundTripSample)
