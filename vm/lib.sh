@@ -27,7 +27,7 @@ vm_require() {
   command -v arm-linux-gnueabihf-gcc >/dev/null ||
     vm_fail "the armhf cross compiler is missing" || return 1
   local tool
-  for tool in mcopy mkfs.fat sfdisk cpio; do
+  for tool in mcopy mkfs.fat sfdisk cpio jq; do
     command -v $tool >/dev/null || vm_fail "$tool is missing" || return 1
   done
   for tool in stm32-sim swu-client swu-pack; do
