@@ -267,11 +267,16 @@ int swuc_follow_install(swuc_session *s, const swuc_follow_opts *opts,
     const swuc_follow_opts o = opts != nullptr ? *opts : swuc_follow_opts{};
     const int poll_ms = std::min(std::max(o.poll_ms, 1), s->cfg.keepalive_ms);
     const int64_t deadline = swuc_now_ms() + o.timeout_ms;
+    int64_t answered = swuc_now_ms();
     for (;;) {
         int64_t asked = swuc_now_ms();
         swuc_status st;
-        if (swuc_get_status(s, &st) != 0)
-            return -1;
+        if (swuc_get_status(s, &st) != 0) {
+            if (errno != ETIMEDOUT || swuc_now_ms() - answered >= o.silence_ms)
+                return -1;
+            continue;
+        }
+        answered = swuc_now_ms();
         if (on_status)
             on_status(st);
         if (last != nullptr)

@@ -99,6 +99,11 @@ int swuc_stream_end(swuc_session *s);
 struct swuc_follow_opts {
     int poll_ms = 500;       // status interval while waiting
     int timeout_ms = 600000; // longest wait for the installation's end
+    // Longest time without an answer before the terminal counts as gone. A
+    // slow terminal's installation (unpacking, syncing the card) can hold its
+    // only core for seconds; a terminal that lost the session meanwhile says
+    // so when it answers again.
+    int silence_ms = 10000;
 };
 
 // Follows verification and installation through status reports until the
