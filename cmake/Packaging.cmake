@@ -20,9 +20,7 @@ if(SWU_PLATFORM STREQUAL "terminal")
   # The tarball carries no libraries: the terminal programs take in the C++
   # runtime, libsodium and inih statically and need only the C library.
   foreach(program IN ITEMS swu st_control swu-logcap)
-    if(TARGET ${program})
-      target_link_options(${program} PRIVATE -static-libstdc++ -static-libgcc)
-    endif()
+    target_link_options(${program} PRIVATE -static-libstdc++ -static-libgcc)
   endforeach()
 endif()
 
@@ -32,13 +30,8 @@ if(SWU_PLATFORM STREQUAL "host")
           COMPONENT host_tools)
 endif()
 
-foreach(tool IN ITEMS swu-pack stm32-sim)
-  if(TARGET ${tool})
-    install(TARGETS ${tool} RUNTIME DESTINATION bin COMPONENT host_tools)
-  endif()
-endforeach()
-
-if(SWU_PLATFORM STREQUAL "host" AND TARGET swu-client)
+if(SWU_BUILD_TOOLS)
+  install(TARGETS swu-pack stm32-sim RUNTIME DESTINATION bin COMPONENT host_tools)
   set(CPACK_PACKAGE_NAME "swu-host-tools")
   set(CPACK_PACKAGE_VENDOR "swu")
   set(CPACK_PACKAGE_VERSION ${PROJECT_VERSION})
