@@ -16,6 +16,15 @@ int timed_out()
     return -1;
 }
 
+// A request of a bare header and the answer it must get. 0 or -1.
+int exchange(swuc_session *s, swuc_channel ch, uint8_t request, uint8_t answer)
+{
+    if (swuc_send_header(s, ch, request) != 0)
+        return -1;
+    uint8_t buf[DATAGRAM_CAP];
+    return swuc_await(s, ch, answer, buf, sizeof(buf), s->cfg.reply_timeout_ms) < 0 ? -1 : 0;
+}
+
 int malformed()
 {
     errno = EPROTO;
@@ -251,13 +260,7 @@ int swuc_stream_request(swuc_session *s, const char *name, uint64_t size,
 
 int swuc_stream_end(swuc_session *s)
 {
-    if (swuc_send_header(s, SWUC_STREAM, FILE_STREAM_END) != 0)
-        return -1;
-    uint8_t buf[DATAGRAM_CAP];
-    return swuc_await(s, SWUC_STREAM, FILE_STREAM_END_RSPNS, buf, sizeof(buf),
-                      s->cfg.reply_timeout_ms) < 0
-               ? -1
-               : 0;
+    return exchange(s, SWUC_STREAM, FILE_STREAM_END, FILE_STREAM_END_RSPNS);
 }
 
 int swuc_follow_install(swuc_session *s, const swuc_follow_opts *opts,
@@ -302,22 +305,10 @@ int swuc_follow_install(swuc_session *s, const swuc_follow_opts *opts,
 
 int swuc_reboot(swuc_session *s)
 {
-    if (swuc_send_header(s, SWUC_RX, TERMINAL_REBOOT_REQ) != 0)
-        return -1;
-    uint8_t buf[DATAGRAM_CAP];
-    return swuc_await(s, SWUC_RX, TERMINAL_REBOOT_RSPNS, buf, sizeof(buf),
-                      s->cfg.reply_timeout_ms) < 0
-               ? -1
-               : 0;
+    return exchange(s, SWUC_RX, TERMINAL_REBOOT_REQ, TERMINAL_REBOOT_RSPNS);
 }
 
 int swuc_ack_error(swuc_session *s)
 {
-    if (swuc_send_header(s, SWUC_RX, ERROR_RECEIVED) != 0)
-        return -1;
-    uint8_t buf[DATAGRAM_CAP];
-    return swuc_await(s, SWUC_RX, RESTARTING_UPDATE_PROC, buf, sizeof(buf),
-                      s->cfg.reply_timeout_ms) < 0
-               ? -1
-               : 0;
+    return exchange(s, SWUC_RX, ERROR_RECEIVED, RESTARTING_UPDATE_PROC);
 }
