@@ -15,7 +15,7 @@ import tempfile
 import time
 
 from selenium import webdriver
-from selenium.common.exceptions import NoAlertPresentException
+from selenium.common.exceptions import NoAlertPresentException, StaleElementReferenceException
 from selenium.webdriver.chrome.options import Options
 from selenium.webdriver.chrome.service import Service
 from selenium.webdriver.common.by import By
@@ -47,6 +47,20 @@ def text_of(d, selector):
         "return [...document.querySelectorAll(arguments[0])].map(e => e.textContent)", selector)
 
 
+def retried(action):
+    """Runs `action` again when a redraw replaced an element it had found."""
+    for _ in range(50):
+        try:
+            return action()
+        except StaleElementReferenceException:
+            time.sleep(0.05)
+    raise AssertionError("the page kept redrawing what was being used")
+
+
+def click(d, element_id):
+    retried(lambda: d.find_element(By.ID, element_id).click())
+
+
 def stage_classes(d):
     return tuple(d.execute_script(
         "return [...document.querySelectorAll('#rollout .stage')].map(e => e.className)"))
@@ -54,7 +68,9 @@ def stage_classes(d):
 
 def run(d):
     d.get(URL)
-    wait = WebDriverWait(d, 20)
+    # The page redraws as state arrives: an element found may be replaced
+    # before it is read, and is then found again.
+    wait = WebDriverWait(d, 20, ignored_exceptions=[StaleElementReferenceException])
     wait.until(lambda d: "ID" in text_of(d, "#terminals td"))
     wait.until(lambda d: FORGED in text_of(d, "#terminals td"))
     assert not d.find_elements(By.CSS_SELECTOR, "#terminals img, #terminals b"), "markup ran"
@@ -64,18 +80,18 @@ def run(d):
     except NoAlertPresentException:
         pass
 
-    row = d.find_element(By.XPATH, "//table[@id='terminals']//tr[td[text()='ID']]")
-    row.find_element(By.CSS_SELECTOR, "input[type=checkbox]").click()
+    retried(lambda: d.find_element(By.XPATH, "//table[@id='terminals']//tr[td[text()='ID']]")
+            .find_element(By.CSS_SELECTOR, "input[type=checkbox]").click())
     wait.until(lambda d: len(Select(d.find_element(By.ID, "package")).options) > 1)
     Select(d.find_element(By.ID, "package")).select_by_value("v2.swu")
     wait.until(lambda d: d.find_element(By.ID, "check-verdict").text.startswith("ok"))
-    assert d.find_element(By.ID, "check-version").text == "2.0.0"
+    assert text_of(d, "#check-version") == ["2.0.0"]
 
-    d.find_element(By.ID, "update-selected").click()
+    click(d, "update-selected")
     wait.until(lambda d: d.find_element(By.ID, "confirm").is_displayed())
     plan = text_of(d, "#confirm-list td")
     assert plan[:5] == ["ID", "127.0.0.1", "1.2.3", "2.0.0", "update"], plan
-    d.find_element(By.ID, "confirm-go").click()
+    click(d, "confirm-go")
 
     # The bars as they move: every distinct look of the stages, until the
     # outcome names the confirmation.
@@ -102,9 +118,9 @@ def run(d):
     assert len(active) >= 3, "the bars did not move through the stages: %s" % seen
     print("stages seen active:", sorted(active))
 
-    d.find_element(By.ID, "report-link").click()
+    click(d, "report-link")
     report = os.path.join(DOWNLOADS, "rollout-1.jsonl")
-    WebDriverWait(d, 10).until(lambda d: os.path.exists(report))
+    wait.until(lambda d: os.path.exists(report))
     with open(report) as f:
         line = json.loads(f.readline())
     assert line["outcome"] == "updated" and line["version_after"] == "2.0.0", line
