@@ -14,6 +14,7 @@
 #include "lib/stream.h"
 #include "lib/sys/le_bytes.h"
 #include "proto/package.h"
+#include "support/pack_members.h"
 #include "support/process.h"
 #include "support/sim_root.h"
 #include "support/stm32_sim.h"
@@ -156,14 +157,6 @@ class TerminalTest : public ::testing::Test
         std::string err;
         EXPECT_EQ(pack_write(path, members, bitmask, PKG_MAX_SIZE, &err), 0) << err;
         return path;
-    }
-
-    static pack_member file_member(const std::string &name, const std::string &data)
-    {
-        pack_member m;
-        m.name = name;
-        m.data = data;
-        return m;
     }
 
     // The three registers of the simulated misc device.

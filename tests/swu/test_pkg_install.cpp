@@ -16,13 +16,6 @@
 namespace
 {
 
-using testing::HasSubstr;
-using testing::Not;
-using testing::internal::CaptureStderr;
-using testing::internal::CaptureStdout;
-using testing::internal::GetCapturedStderr;
-using testing::internal::GetCapturedStdout;
-namespace fs = std::filesystem;
 using namespace std::chrono_literals;
 
 int wait_for_status(std::initializer_list<int> wanted)
@@ -67,14 +60,6 @@ install_result run_install(
     EXPECT_EQ(get_install_status(), verdict) << "the verdict stays until the next run";
     std::string out = GetCapturedStdout();
     return {verdict, out, GetCapturedStderr()};
-}
-
-size_t count(const std::string &text, const std::string &part)
-{
-    size_t n = 0;
-    for (size_t at = text.find(part); at != std::string::npos; at = text.find(part, at + 1))
-        n++;
-    return n;
 }
 
 std::set<std::string> card_files(const SimRoot &root)
@@ -175,13 +160,14 @@ TEST(PkgInstall, AFailedAttemptRecoversTheCardAndTriesOnceMore)
         setrlimit(RLIMIT_FSIZE, &file_size_limit);
 
         EXPECT_EQ(r.verdict, c.verdict) << c.name << "\n" << r.out << r.err;
-        EXPECT_EQ(count(r.out, "[sim] fdisk: new partition table on /dev/mmcblk0\n"), 1u) << c.name;
-        EXPECT_EQ(count(r.out, "[sim] mkfs.vfat: empty file system on /dev/mmcblk0p1\n"), 1u)
+        EXPECT_EQ(occurrences(r.out, "[sim] fdisk: new partition table on /dev/mmcblk0\n"), 1u)
+            << c.name;
+        EXPECT_EQ(occurrences(r.out, "[sim] mkfs.vfat: empty file system on /dev/mmcblk0p1\n"), 1u)
             << c.name;
         for (const auto &[text, times] : c.out)
-            EXPECT_EQ(count(r.out, text), times) << c.name << ": " << text << "\n" << r.out;
+            EXPECT_EQ(occurrences(r.out, text), times) << c.name << ": " << text << "\n" << r.out;
         for (const auto &[text, times] : c.err)
-            EXPECT_EQ(count(r.err, text), times) << c.name << ": " << text << "\n" << r.err;
+            EXPECT_EQ(occurrences(r.err, text), times) << c.name << ": " << text << "\n" << r.err;
         if (c.verdict == INSTALL_STT_INSTALL_COMPLEATE) {
             EXPECT_EQ(card_files(sim.root), (std::set<std::string>{"a.bin", "b.bin"})) << c.name;
         }
@@ -261,8 +247,8 @@ TEST(PkgInstall, TheCardsImageProgramsTheMicrocontrollerUnlessTheReasonKeepsIt)
         install_result r = run_install("pkg.swu", reason);
         EXPECT_EQ(r.verdict, INSTALL_STT_INSTALL_COMPLEATE) << r.out << r.err;
         const bool programmed = (reason & SWU_REASON_KEEP_MCU) == 0;
-        EXPECT_EQ(count(r.out, "SUCCESS to update STM"), programmed ? 1u : 0u) << reason;
-        EXPECT_EQ(count(r.out, "installing st sim ........\n\n"), programmed ? 1u : 0u);
+        EXPECT_EQ(occurrences(r.out, "SUCCESS to update STM"), programmed ? 1u : 0u) << reason;
+        EXPECT_EQ(occurrences(r.out, "installing st sim ........\n\n"), programmed ? 1u : 0u);
         EXPECT_EQ(mcu.flash().substr(0, image.size()) == image, programmed) << mcu.log();
         EXPECT_EQ(sim.root.read("dev/mmcblk0p1/st.bin"), image);
     }
@@ -389,8 +375,9 @@ TEST(PkgInstall, WithATrustedKeyTheStagingPathAndTheCardsCopiesAreChecked)
         r = run_install("again.swu", 1,
                         [&] { sim.root.write(std::string("tmp/pkg/") + swap, "evil"); });
         EXPECT_EQ(r.verdict, INSTALL_STT_INSTALL_FAILURE) << r.out;
-        EXPECT_EQ(count(r.out, "installation refused, the card's copy differs from the signed "
-                               "package: "),
+        EXPECT_EQ(occurrences(r.out,
+                              "installation refused, the card's copy differs from the signed "
+                              "package: "),
                   2u)
             << "both attempts";
         EXPECT_TRUE(fs::is_empty(sim.root.path("dev/mmcblk0p1"))) << "left on the card";
