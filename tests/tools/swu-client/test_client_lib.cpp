@@ -298,42 +298,37 @@ TEST(ClientPolicy, EachWayOfFailingHasItsExitCode)
         EXPECT_EQ(swuc_retryable(code), code == SWUC_EXIT_INCOMPLETE || code == SWUC_EXIT_STALLED)
             << code;
 
-    // Refusals of the connection, before anything is streamed.
+    // Refusals of the connection and names the terminal would refuse, before
+    // anything is streamed; a terminal that never answers.
     SimRoot root;
     root.write("p.swu", "bytes");
     const struct {
         uint8_t connection_status;
+        std::string name;
         int exit_code;
         const char *message;
-    } refusals[] = {
-        {SWU_CON_RES_BATTERY_TOO_LOW, SWUC_EXIT_BATTERY, "battery too low for an update (42 %"},
-        {SWU_CON_RES_ALREADY_CONNECTED, SWUC_EXIT_BUSY, "busy"},
+    } rows[] = {
+        {SWU_CON_RES_BATTERY_TOO_LOW, "p.swu", SWUC_EXIT_BATTERY,
+         "battery too low for an update (42 %"},
+        {SWU_CON_RES_ALREADY_CONNECTED, "p.swu", SWUC_EXIT_BUSY, "busy"},
+        {StandIn::SILENT, "p.swu", SWUC_EXIT_NO_ANSWER, ""},
+        {StandIn::SILENT, "", SWUC_EXIT_NO_ANSWER, ""},
+        {StandIn::SILENT, "a/b", SWUC_EXIT_USAGE, ""},
+        {StandIn::SILENT, std::string(100, 'n'), SWUC_EXIT_USAGE, ""},
     };
-    for (const auto &r : refusals) {
-        StandIn terminal(0, 0, r.connection_status);
-        update_params p;
-        p.terminal = terminal.addr();
-        p.package_path = root.path("p.swu");
-        p.name = "p.swu";
-        p.reply_timeout_ms = 200;
-        update_outcome out = run_update(p, {});
-        EXPECT_EQ(out.exit_code, r.exit_code) << out.message;
-        EXPECT_EQ(out.message.rfind(r.message, 0), 0u) << out.message;
-        EXPECT_EQ(out.step, "connect");
-    }
-
-    StandIn silent(0, 0, StandIn::SILENT);
     update_params p;
-    p.terminal = silent.addr();
     p.package_path = root.path("p.swu");
-    p.reply_timeout_ms = 100;
-    const std::pair<std::string, int> names[] = {{"p.swu", SWUC_EXIT_NO_ANSWER},
-                                                 {"", SWUC_EXIT_NO_ANSWER},
-                                                 {"a/b", SWUC_EXIT_USAGE},
-                                                 {std::string(100, 'n'), SWUC_EXIT_USAGE}};
-    for (const auto &[name, exit_code] : names) {
-        p.name = name;
-        EXPECT_EQ(run_update(p, {}).exit_code, exit_code) << name;
+    p.reply_timeout_ms = 200;
+    for (const auto &r : rows) {
+        StandIn terminal(0, 0, r.connection_status);
+        p.terminal = terminal.addr();
+        p.name = r.name;
+        update_outcome out = run_update(p, {});
+        EXPECT_EQ(out.exit_code, r.exit_code) << r.name << ": " << out.message;
+        EXPECT_EQ(out.message.rfind(r.message, 0), 0u) << out.message;
+        if (*r.message != '\0') {
+            EXPECT_EQ(out.step, "connect");
+        }
     }
     p.package_path = root.path("missing.swu");
     EXPECT_EQ(run_update(p, {}).exit_code, SWUC_EXIT_LOCAL);
