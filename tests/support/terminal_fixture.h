@@ -88,6 +88,13 @@ inline std::unique_ptr<Stm32Sim> lay_out_terminal(const SimRoot &root, const Ter
 class TerminalTest : public ::testing::Test
 {
   protected:
+    // The client's remembered sessions stay inside this test's root.
+    void SetUp() override
+    {
+        setenv("XDG_STATE_HOME", root_.path("client/state").c_str(), 1);
+        root_.mkdir("client");
+    }
+
     // The sanitizer builds report in the programs' output; a report that does
     // not stop the program must still fail. SWU_TEST_VERBOSE=1 shows the
     // output of passing tests too.

@@ -29,17 +29,7 @@ json parsed(const run_result &r)
     return json::parse(r.out, nullptr, false);
 }
 
-class ClientCli : public TerminalTest
-{
-  protected:
-    void SetUp() override
-    {
-        TerminalTest::SetUp();
-        // The remembered session ports stay inside this test's root.
-        setenv("XDG_STATE_HOME", root_.path("client/state").c_str(), 1);
-        root_.mkdir("client");
-    }
-};
+using ClientCli = TerminalTest;
 
 // The whole road of an update: the terminal's advertisement, discovery,
 // stream, check, installation onto the card, microcontroller programming,

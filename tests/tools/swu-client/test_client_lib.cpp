@@ -29,19 +29,17 @@ const std::string REPORT_STREAMING =
     R"({"battery_status":80,"status_code":0,"status_message":"operation compleated successfully...","stage_code":2,"stage_description":"Terminal is receiving update stream...","stage_progress":0,"stage_complete":0})";
 
 // Answers as the terminal does: connection requests with `connection_status`
-// (none at all for SILENT; status requests only once confirmed), packets written and acknowledged
-// in order only, repeats acknowledged, segment 1 restarting the count. Loses a share of the packets
-// and of the acknowledgements, never segment 1's, whose acknowledgement it may hold back for a
-// while.
+// (none at all for SILENT; status requests only once confirmed), packets
+// written and acknowledged in order only, repeats acknowledged, segment 1
+// restarting the count. Loses a share of the packets and of the
+// acknowledgements, never segment 1's.
 class StandIn
 {
   public:
     static constexpr uint8_t SILENT = 0xFF;
 
-    explicit StandIn(size_t size, double loss = 0, uint8_t connection_status = 1,
-                     int first_ack_delay_ms = 0)
-        : data_(size), loss_(loss), connection_status_(connection_status),
-          first_ack_delay_ms_(first_ack_delay_ms)
+    explicit StandIn(size_t size, double loss = 0, uint8_t connection_status = 1)
+        : data_(size), loss_(loss), connection_status_(connection_status)
     {
         fd_ = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
         addr_.sin_family = AF_INET;
@@ -63,9 +61,7 @@ class StandIn
     sockaddr_in addr() const { return addr_; }
     std::vector<uint8_t> data_;
     std::atomic<uint64_t> written_{0};
-    std::atomic<unsigned> first_segments_{0};
     std::atomic<uint64_t> max_ahead_{0}; // most segments beyond the last one written
-    std::atomic<unsigned> early_{0};     // packets sent before segment 1 was acknowledged
     // Segments after this one are neither written nor acknowledged.
     std::atomic<uint64_t> swallow_after_{UINT64_MAX};
 
@@ -83,15 +79,7 @@ class StandIn
         uint64_t expected = 1;
         bool connected = false;
         uint8_t buf[2048], out[512];
-        std::chrono::steady_clock::time_point first_ack_due;
-        sockaddr_in first_ack_to = {};
-        bool first_ack_held = false;
         while (!stop_) {
-            if (first_ack_held && std::chrono::steady_clock::now() >= first_ack_due) {
-                file_packet_ack_t ack = {{1, PCKT_TRNSFR_ACK, 0}, 1};
-                reply(out, proto_encode_file_packet_ack(out, sizeof(out), &ack), first_ack_to);
-                first_ack_held = false;
-            }
             sockaddr_in from = {};
             socklen_t from_len = sizeof(from);
             ssize_t n =
@@ -125,16 +113,10 @@ class StandIn
                 if (proto_decode_file_packet_transfer(buf, len, &pkt) != 0)
                     break;
                 max_ahead_ = std::max<uint64_t>(max_ahead_, pkt.seg_number - (expected - 1));
-                if (first_ack_held && pkt.seg_number != 1) {
-                    early_++;
-                    break;
-                }
                 if ((pkt.seg_number != 1 && dice(gen) < loss_) || pkt.seg_number > swallow_after_)
                     break; // packet lost
-                if (pkt.seg_number == 1) {
+                if (pkt.seg_number == 1)
                     expected = 1;
-                    first_segments_++;
-                }
                 if (pkt.seg_number > expected)
                     break;
                 if (pkt.seg_number == expected) {
@@ -146,13 +128,6 @@ class StandIn
                 }
                 if (pkt.seg_number != 1 && dice(gen) < loss_)
                     break; // acknowledgement lost
-                if (pkt.seg_number == 1 && first_ack_delay_ms_ > 0) {
-                    first_ack_held = true;
-                    first_ack_to = from;
-                    first_ack_due = std::chrono::steady_clock::now() +
-                                    std::chrono::milliseconds(first_ack_delay_ms_);
-                    break;
-                }
                 file_packet_ack_t ack = {{1, PCKT_TRNSFR_ACK, 0}, pkt.seg_number};
                 reply(out, proto_encode_file_packet_ack(out, sizeof(out), &ack), from);
                 break;
@@ -164,7 +139,6 @@ class StandIn
     sockaddr_in addr_ = {};
     double loss_;
     uint8_t connection_status_;
-    int first_ack_delay_ms_;
     std::atomic<bool> stop_{false};
     std::thread thread_;
 };
@@ -232,21 +206,6 @@ TEST(ClientStream, TheWindowIsAHardLimitAndOnlyTheTerminalAcknowledges)
     EXPECT_EQ(progress.acked_packets, 40u);
     EXPECT_EQ(terminal.max_ahead_, 4u) << "packets in flight beyond the last acknowledged";
     EXPECT_GT(s.foreign, 0u);
-}
-
-TEST(ClientStream, ASlowFirstAcknowledgementIsProbedForAndDoesNotRestartTheStream)
-{
-    const std::vector<uint8_t> data = payload(20000);
-    StandIn terminal(data.size(), 0.0, SWU_CON_RES_CONNECTION_CONFIRMED, 400);
-    swuc_session s;
-    ASSERT_NO_FATAL_FAILURE(open_to(&s, terminal));
-    swuc_stream_opts opts;
-    opts.ack_timeout_ms = 50;
-    ASSERT_EQ(swuc_stream_data(&s, data.data(), data.size(), &opts, {}, nullptr), 0);
-    EXPECT_EQ(terminal.first_segments_, 1u);
-    EXPECT_GT(terminal.early_, 0u) << "segment 2 probes";
-    EXPECT_LE(terminal.early_, 3u) << "and nothing else goes before segment 1 is confirmed";
-    EXPECT_TRUE(terminal.data_ == data);
 }
 
 TEST(ClientStream, LongTransferAsksForStatusToKeepTheSessionAlive)
