@@ -70,17 +70,14 @@ class ConsoleTest : public TerminalTest
 
     json get(const std::string &path, int want = 200)
     {
-        auto r = http().Get(path.c_str());
-        EXPECT_TRUE(r) << path;
-        if (!r)
-            return nullptr;
-        EXPECT_EQ(r->status, want) << path << ": " << r->body;
-        return json::parse(r->body, nullptr, false);
+        return answer(http().Get(path.c_str()), path, want);
     }
-
     json post(const std::string &path, const json &body, int want = 200)
     {
-        auto r = http().Post(path.c_str(), body.dump(), "application/json");
+        return answer(http().Post(path.c_str(), body.dump(), "application/json"), path, want);
+    }
+    static json answer(const httplib::Result &r, const std::string &path, int want)
+    {
         EXPECT_TRUE(r) << path;
         if (!r)
             return nullptr;
