@@ -25,7 +25,7 @@
 #include <unistd.h>
 #include <vector>
 
-// How often `needle` stands in `text`, the places apart.
+// How often `needle` occurs in `text`, without overlaps.
 inline size_t occurrences(const std::string &text, const std::string &needle)
 {
     size_t n = 0;
