@@ -23,14 +23,9 @@ TEST(PkgFooter, DecodesAndEncodesLittleEndianFields)
     EXPECT_EQ(0, memcmp(raw, back, sizeof raw));
 }
 
-TEST(PkgCrc, IsTheChainedCrcFromFfffWithoutFinalInversion)
-{
-    EXPECT_EQ(pkg_crc_buffer("", 0), 0x0000FFFFu);
-    EXPECT_EQ(pkg_crc_buffer("123456789", 9), 0x42F92725u);
-}
-
-// Appending the little-endian register to a piece clears the register, so
-// this payload's running value is 0 at the end of its first 4096 bytes.
+// The package CRC is crc32() chained over 4096-byte pieces. Appending the
+// little-endian register to a piece clears the register, so this payload's
+// running value is 0 at the end of its first piece.
 std::vector<uint8_t> payload_with_zero_at_first_piece_end()
 {
     std::vector<uint8_t> p(PKG_CRC_PIECE + 1000);
@@ -42,8 +37,9 @@ std::vector<uint8_t> payload_with_zero_at_first_piece_end()
     return p;
 }
 
-TEST(PkgCrc, AZeroRunningValueAtAPieceEndRestartsFromFfff)
+TEST(PkgCrc, ChainsFromFfffAndRestartsAfterAPieceEndingAtZero)
 {
+    EXPECT_EQ(pkg_crc_buffer("123456789", 9), 0x42F92725u) << "from 0xFFFF, not inverted";
     std::vector<uint8_t> p = payload_with_zero_at_first_piece_end();
     ASSERT_EQ(crc32(p.data(), PKG_CRC_PIECE, PKG_CRC_START), 0u);
     uint32_t expected = crc32(p.data() + PKG_CRC_PIECE, 1000, 0x0000FFFF);

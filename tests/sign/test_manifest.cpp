@@ -66,11 +66,17 @@ TEST(Manifest, AdmitsExactlyWhatWasSignedByTheTrustedKey)
     EXPECT_EQ(manifest_check_dir(dir.path("pkg"), pk, &why, &read_text, &read_sig), 0) << why;
     EXPECT_EQ(read_text, text);
     EXPECT_EQ(read_sig, sig);
+    dir.write("pkg/x.sh", "rm");
+    EXPECT_NE(manifest_check_dir(dir.path("pkg"), pk, &why), 0);
+    EXPECT_NE(why.find("'x.sh' is not in the manifest"), std::string::npos) << why;
+    std::filesystem::remove(dir.path("pkg/x.sh"));
 
     // Copies made later are checked against the manifest read before.
     EXPECT_EQ(manifest_check_files(dir.path("pkg"), {"a.bin", "b c.bin"}, text, sig, pk, &why), 0)
         << why;
     dir.write("pkg/a.bin", "A");
+    EXPECT_NE(manifest_check_dir(dir.path("pkg"), pk, &why), 0);
+    EXPECT_NE(why.find("'a.bin' differs"), std::string::npos) << why;
     EXPECT_NE(manifest_check_files(dir.path("pkg"), {"a.bin", "b c.bin"}, text, sig, pk, &why), 0);
     EXPECT_EQ(why, "artifact 'a.bin' differs from the manifest");
     EXPECT_NE(manifest_check_files(dir.path("pkg"), {"gone"}, text, sig, pk, &why), 0);

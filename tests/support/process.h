@@ -25,6 +25,15 @@
 #include <unistd.h>
 #include <vector>
 
+// How often `needle` occurs in `text`, without overlaps.
+inline size_t occurrences(const std::string &text, const std::string &needle)
+{
+    size_t n = 0;
+    for (size_t at = 0; (at = text.find(needle, at)) != std::string::npos; at += needle.size())
+        n++;
+    return n;
+}
+
 class TestProcess
 {
   public:
@@ -141,14 +150,7 @@ class TestProcess
     }
 
   private:
-    size_t occurrences(const std::string &needle) const
-    {
-        size_t n = 0;
-        for (size_t at = 0; (at = output_.find(needle, at)) != std::string::npos;
-             at += needle.size())
-            n++;
-        return n;
-    }
+    size_t occurrences(const std::string &needle) const { return ::occurrences(output_, needle); }
 
     // Runs until every holder of the terminal's other side has closed it.
     void read_output()

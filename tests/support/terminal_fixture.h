@@ -14,6 +14,7 @@
 #include "lib/stream.h"
 #include "lib/sys/le_bytes.h"
 #include "proto/package.h"
+#include "support/pack_members.h"
 #include "support/process.h"
 #include "support/sim_root.h"
 #include "support/stm32_sim.h"
@@ -87,6 +88,13 @@ inline std::unique_ptr<Stm32Sim> lay_out_terminal(const SimRoot &root, const Ter
 class TerminalTest : public ::testing::Test
 {
   protected:
+    // The client's remembered sessions stay inside this test's root.
+    void SetUp() override
+    {
+        setenv("XDG_STATE_HOME", root_.path("client/state").c_str(), 1);
+        root_.mkdir("client");
+    }
+
     // The sanitizer builds report in the programs' output; a report that does
     // not stop the program must still fail. SWU_TEST_VERBOSE=1 shows the
     // output of passing tests too.
@@ -156,14 +164,6 @@ class TerminalTest : public ::testing::Test
         std::string err;
         EXPECT_EQ(pack_write(path, members, bitmask, PKG_MAX_SIZE, &err), 0) << err;
         return path;
-    }
-
-    static pack_member file_member(const std::string &name, const std::string &data)
-    {
-        pack_member m;
-        m.name = name;
-        m.data = data;
-        return m;
     }
 
     // The three registers of the simulated misc device.

@@ -8,14 +8,6 @@
 #include <gtest/gtest.h>
 
 #include <filesystem>
-#include <fstream>
-#include <iterator>
-
-inline std::string file_bytes(const std::string &name)
-{
-    std::ifstream in(name, std::ios::binary);
-    return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
-}
 
 // One answer with its destination and exact bytes; a sequence number of 0
 // in `expected` stands for whatever the answer carries.

@@ -6,30 +6,22 @@
 
 #include "lib/package_inspect.h"
 #include "lib/package_sign.h"
+#include "support/pack_members.h"
 #include "support/sim_root.h"
 #include "swu/pkg_install.h"
 
+#include <filesystem>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <unistd.h>
 
-// A package member that is a regular file holding `data`.
-inline pack_member file_member(const std::string &name, const std::string &data)
-{
-    pack_member m;
-    m.name = name;
-    m.data = data;
-    return m;
-}
-
-inline pack_member link_member(const std::string &name, pack_kind kind, const std::string &to)
-{
-    pack_member m;
-    m.name = name;
-    m.kind = kind;
-    m.link = to;
-    return m;
-}
+using testing::HasSubstr;
+using testing::Not;
+using testing::internal::CaptureStderr;
+using testing::internal::CaptureStdout;
+using testing::internal::GetCapturedStderr;
+using testing::internal::GetCapturedStdout;
+namespace fs = std::filesystem;
 
 // The simulated terminal, with the working directory inside its root for
 // the object's lifetime.

@@ -15,11 +15,12 @@ class EmmcMount : public ::testing::Test
 {
   protected:
     // The terminal's root file system has /mnt; the card's mount point is made on demand.
-    void SetUp() override
+    static void lay_out(const SimRoot &r)
     {
-        root.write("dev/mmcblk0p1/pkg_ver.txt", "[pkg_data]\n");
-        root.mkdir("mnt");
+        r.write("dev/mmcblk0p1/pkg_ver.txt", "[pkg_data]\n");
+        r.mkdir("mnt");
     }
+    void SetUp() override { lay_out(root); }
     SimRoot root;
 };
 
@@ -59,8 +60,7 @@ TEST_F(EmmcMount, EveryFailureReleasesTheCardWithItsOwnReport)
     };
     for (const auto &c : cases) {
         SimRoot fresh;
-        fresh.write("dev/mmcblk0p1/pkg_ver.txt", "");
-        fresh.mkdir("mnt");
+        lay_out(fresh);
         c.arrange(fresh);
         CaptureStderr();
         EXPECT_EQ(mount_emmc(), -1) << c.name;

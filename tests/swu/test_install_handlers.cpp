@@ -83,6 +83,7 @@ TEST_F(InstallHandlers, ErrorStateHoldsWhileTheClientPollsAndEndsOnItsAcknowledg
     EXPECT_NE(text.find("\"status_code\":2,"), std::string::npos) << text;
     EXPECT_NE(text.find("\"stage_code\":5,"), std::string::npos) << text;
 
+    EXPECT_EQ(h.run(SM_STATE_ERROR, dgram::con_req()), SM_EVNT_NO_EVENT) << "until the time-out";
     EXPECT_EQ(h.run(SM_STATE_ERROR, dgram::hdr(ERROR_RECEIVED), STRANGER_IP), SM_EVNT_NO_EVENT);
     EXPECT_TRUE(h.sent().empty());
     EXPECT_EQ(h.run(SM_STATE_ERROR, dgram::hdr(ERROR_RECEIVED), CLIENT_IP, 999),

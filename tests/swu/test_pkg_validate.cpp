@@ -9,14 +9,7 @@
 namespace
 {
 
-using testing::HasSubstr;
-using testing::Not;
 using testing::StartsWith;
-using testing::internal::CaptureStderr;
-using testing::internal::CaptureStdout;
-using testing::internal::GetCapturedStderr;
-using testing::internal::GetCapturedStdout;
-namespace fs = std::filesystem;
 
 std::string footer(uint32_t bitmask, uint32_t crc)
 {

@@ -79,8 +79,6 @@ TEST_F(SelfAdv, VersionFileVariants)
         uint16_t v[3];
     } cases[] = {
         {"two numbers", "[pkg_data]\nversion=2.10\n", {2, 10, 0}},
-        {"last key counts", "[pkg_data]\nversion=1.1.1\nversion=3.3.3\n", {3, 3, 3}},
-        {"key in another section", "[other]\nversion=1.2.3\n", {0, 0, 0}},
         {"no key", "[pkg_data]\nname=x\n", {0, 0, 0}},
         {"malformed", "[pkg_data\nversion=1.2.3\n", {0, 0, 0}},
         {"no file", nullptr, {0, 0, 0}},

@@ -149,7 +149,7 @@ TEST_F(StreamHandlers, PacketsAreWrittenInOrderAndTheEndChecksTheCount)
         ASSERT_EQ(out.size(), c.complete ? 1u : 0u);
         if (c.complete) {
             expect_sent(out[0], CLIENT_IP, CLIENT_STREAM_PORT, {0, 0, 0x75, 0});
-            EXPECT_EQ(file_bytes("pkg.bin"), pkg_);
+            EXPECT_EQ(root_.read("pkg.bin"), pkg_);
         }
         EXPECT_EQ(std::filesystem::exists("pkg.bin"), c.complete);
         EXPECT_EQ(g_status_code, c.complete ? 0 : SWU_STAGE_CODE_MISSING_PCKTS);
@@ -222,7 +222,7 @@ TEST_F(StreamHandlers, RequestAfterAnAcknowledgedErrorReplacesTheUnfinishedStrea
     ASSERT_EQ(request(100, "new.bin"), SM_EVNT_EXT_STREAM_REQ);
     h.run(SM_STATE_STREAM, dgram::packet(1, pkg_.data(), 100));
     EXPECT_EQ(h.run(SM_STATE_STREAM, dgram::hdr(FILE_STREAM_END)), SM_EVNT_INT_PKG_RECEIVED);
-    EXPECT_EQ(file_bytes("new.bin"), pkg_.substr(0, 100));
+    EXPECT_EQ(root_.read("new.bin"), pkg_.substr(0, 100));
 }
 
 } // namespace

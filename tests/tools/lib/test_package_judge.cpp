@@ -57,7 +57,8 @@ std::string with_footer(std::string payload)
     return payload.append(reinterpret_cast<const char *>(footer), sizeof footer);
 }
 
-// A package of `members` written by libarchive in `format`, as odd as asked.
+// A package of `members` written by libarchive in `format`, as odd as asked
+// (ARCHIVE_FORMAT_RAW: one member's data, a hand-written tar stream).
 std::string package(const std::vector<tar_member> &members,
                     int format = ARCHIVE_FORMAT_TAR_PAX_RESTRICTED)
 {
@@ -277,26 +278,6 @@ std::string ustar(const std::string &name, char type, size_t size, const std::st
     return h;
 }
 
-// A package of a hand-written tar stream, gzip-compressed by libarchive.
-std::string raw_package(const std::string &tar)
-{
-    std::unique_ptr<struct archive, int (*)(struct archive *)> a(archive_write_new(),
-                                                                 archive_write_free);
-    std::vector<char> buf(1 << 16);
-    size_t used = 0;
-    archive_write_set_format_raw(a.get());
-    archive_write_add_filter_gzip(a.get());
-    archive_write_set_bytes_in_last_block(a.get(), 1);
-    archive_write_open_memory(a.get(), buf.data(), buf.size(), &used);
-    struct archive_entry *e = archive_entry_new();
-    archive_entry_set_filetype(e, AE_IFREG);
-    archive_write_header(a.get(), e);
-    archive_write_data(a.get(), tar.data(), tar.size());
-    archive_entry_free(e);
-    archive_write_close(a.get());
-    return with_footer(std::string(buf.data(), used));
-}
-
 // Where libarchive and BusyBox tar read the headers differently (a PAX
 // "size", data behind a hard link, the link name of a regular member, the
 // prefix of a GNU header), BusyBox unpacks other members than libarchive
@@ -314,7 +295,7 @@ TEST(PackJudge, RefusesHeadersTheTerminalsTarReadsOtherwise)
                                    data_a + ustar("st.bin", '0', 0, "a") + end,
                                    ustar("app.bin", '0', 0, "", "sub", true) + end}) {
         SimRoot root;
-        const std::string pkg = raw_package(tar);
+        const std::string pkg = package({file("tar", tar)}, ARCHIVE_FORMAT_RAW);
         std::map<std::string, int64_t> unpacked;
         ASSERT_EQ(busybox_unpack(root, pkg, &unpacked), 0);
         judged j = judge(root, pkg);

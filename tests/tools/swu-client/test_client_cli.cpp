@@ -29,16 +29,7 @@ json parsed(const run_result &r)
     return json::parse(r.out, nullptr, false);
 }
 
-class ClientCli : public TerminalTest
-{
-  protected:
-    void SetUp() override
-    {
-        TerminalTest::SetUp();
-        // The remembered session ports stay inside this test's root.
-        setenv("XDG_STATE_HOME", root_.path("client/state").c_str(), 1);
-    }
-};
+using ClientCli = TerminalTest;
 
 // The whole road of an update: the terminal's advertisement, discovery,
 // stream, check, installation onto the card, microcontroller programming,
@@ -193,7 +184,6 @@ TEST_F(ClientCli, AForgedIdentityIsShownEscapedAndNeverAbortsTheClient)
 // terminal's tar strips the leading '/'.
 TEST_F(ClientCli, AHarmfulPackageIsRefusedBeforeAnythingIsSent)
 {
-    root_.mkdir("client");
     const std::string empty_st = make_package("empty-st.swu", {file_member("/st.bin", "")});
     run_result u = client(root_, {"update", "127.0.0.1", empty_st, "--reply-timeout", "100"});
     EXPECT_EQ(u.exit_code, SWUC_EXIT_PACKAGE) << u.out << u.err;
@@ -273,7 +263,6 @@ TEST_F(ClientCli, TheDissectorDecodesEveryMessageOfAnUpdate)
 {
     if (system("command -v tshark >/dev/null && command -v dumpcap >/dev/null") != 0)
         GTEST_SKIP() << "tshark is not installed (scripts/install-deps installs it)";
-    root_.mkdir("client");
     TestProcess capture;
     ASSERT_TRUE(
         capture.start({"dumpcap", "-i", "lo", "-w", root_.path("client/cap.pcapng")}, root_.dir()));
@@ -347,12 +336,6 @@ TEST_F(ClientCli, AfterItsRebootTheTerminalIsConfirmedWithItsNewVersion)
 class ClientLan : public ClientCli
 {
   protected:
-    void SetUp() override
-    {
-        ClientCli::SetUp();
-        root_.mkdir("client");
-    }
-
     // The lines of the report file.
     std::vector<json> report() const
     {

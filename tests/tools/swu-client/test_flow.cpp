@@ -33,6 +33,18 @@ swuc_flow started(uint64_t count, const swuc_flow_opts &o, int64_t rtt = 2 * MS)
     return f;
 }
 
+// Sends and has every flight acknowledged 2 ms later until the window
+// reaches `cap` (20 round trips at most); a full window is then in flight.
+void open_up(swuc_flow &f, double cap, int64_t *t)
+{
+    send_all(f, *t);
+    for (int round = 0; round < 20 && f.window() < cap; round++) {
+        *t += 2 * MS;
+        EXPECT_TRUE(f.acked(f.next() - 1, *t));
+        send_all(f, *t);
+    }
+}
+
 } // namespace
 
 TEST(Rto, FollowsTheRoundTripBetweenItsFloorAndCeilingAndBacksOff)
@@ -110,12 +122,7 @@ TEST(Flow, WindowOpensUpToItsCapAndALossCutsItOnceThenShutsIt)
     int64_t t = 2 * MS;
     EXPECT_EQ(send_all(f, t).size(), 4u);
     // Loss-free round trips: the window doubles, then stops at the cap.
-    for (int round = 0; round < 6; round++) {
-        t += 2 * MS;
-        const uint64_t last = f.next() - 1;
-        ASSERT_TRUE(f.acked(last, t));
-        send_all(f, t);
-    }
+    open_up(f, o.max_window, &t);
     EXPECT_EQ(f.window(), 16.0);
     EXPECT_EQ(f.next() - f.base(), 16u);
     // A full window refills in bursts of half of it, not packet by packet.
@@ -176,12 +183,7 @@ TEST(Flow, AfterALossTheWindowGrowsBackByHalfAPacketPerRoundTripWithoutWaitingFo
     o.max_window = 8;
     swuc_flow f = started(10000, o);
     int64_t t = 2 * MS;
-    while (f.window() < 8) {
-        send_all(f, t);
-        t += 2 * MS;
-        ASSERT_TRUE(f.acked(f.next() - 1, t));
-    }
-    send_all(f, t);
+    open_up(f, o.max_window, &t);
     t = f.deadline_us();
     ASSERT_TRUE(f.expire(t));
     const double cut = f.window();
@@ -231,12 +233,7 @@ TEST(Flow, ATimeOutTheTerminalShowsToBeADelayGivesTheWindowBackAndRaisesTheFloor
     o.max_window = 16;
     swuc_flow f = started(10000, o);
     int64_t t = 2 * MS;
-    while (f.window() < 16) {
-        send_all(f, t);
-        t += 2 * MS;
-        ASSERT_TRUE(f.acked(f.next() - 1, t));
-    }
-    send_all(f, t);
+    open_up(f, o.max_window, &t);
     const uint64_t first = f.base(), top = f.next() - 1;
     // The terminal stalls past the time-out; the flow goes back and sends
     // part of the window again.

@@ -123,7 +123,8 @@ def run(d):
     wait.until(lambda d: os.path.exists(report))
     with open(report) as f:
         line = json.loads(f.readline())
-    assert line["outcome"] == "updated" and line["version_after"] == "2.0.0", line
+    assert (line["identity"], line["outcome"], line["version_before"], line["version_after"],
+            line["confirmation"]) == ("ID", "updated", "1.2.3", "2.0.0", "confirmed"), line
     assert FORGED in text_of(d, "#terminals td")
 
     # A package from the technician's own disk, uploaded and checked.
