@@ -28,6 +28,9 @@ namespace
 const std::string REPORT_STREAMING =
     R"({"battery_status":80,"status_code":0,"status_message":"operation compleated successfully...","stage_code":2,"stage_description":"Terminal is receiving update stream...","stage_progress":0,"stage_complete":0})";
 
+const std::string REPORT_FINISHED =
+    R"({"battery_status":80,"status_code":0,"status_message":"operation compleated successfully...","stage_code":6,"stage_description":"Terminal is rebooting...","stage_progress":0,"stage_complete":1})";
+
 // Answers as the terminal does: connection requests with `connection_status`
 // (none at all for SILENT; status requests only once confirmed), packets
 // written and acknowledged in order only, repeats acknowledged, segment 1
@@ -62,6 +65,11 @@ class StandIn
     std::vector<uint8_t> data_;
     std::atomic<uint64_t> written_{0};
     std::atomic<uint64_t> max_ahead_{0}; // most segments beyond the last one written
+    // Status requests go unanswered until then (swuc_now_ms), as while an
+    // installation holds a slow terminal's only core; answered after, they
+    // report the finish stage once `finished_`.
+    std::atomic<int64_t> mute_until_ms_{0};
+    std::atomic<bool> finished_{false};
     // Segments after this one are neither written nor acknowledged.
     std::atomic<uint64_t> swallow_after_{UINT64_MAX};
 
@@ -101,11 +109,10 @@ class StandIn
                 }
                 break;
             case STATUS_REQST:
-                if (connected) {
-                    status_response_t rsp = {{1, STATUS_RSPNS, 0},
-                                             400,
-                                             REPORT_STREAMING.data(),
-                                             REPORT_STREAMING.size()};
+                if (connected && swuc_now_ms() >= mute_until_ms_) {
+                    const std::string &report = finished_ ? REPORT_FINISHED : REPORT_STREAMING;
+                    status_response_t rsp = {
+                        {1, STATUS_RSPNS, 0}, 400, report.data(), report.size()};
                     reply(out, proto_encode_status_response(out, sizeof(out), &rsp), from);
                 }
                 break;
@@ -224,6 +231,31 @@ TEST(ClientStream, LongTransferAsksForStatusToKeepTheSessionAlive)
     ASSERT_GT(took, 300) << "the transfer was too quick to tell";
     EXPECT_GE(s.status_reports, static_cast<uint64_t>(took / 100 / 3));
     EXPECT_EQ(s.last_status.text, REPORT_STREAMING);
+}
+
+// An installation follows a terminal through a silence shorter than the
+// limit, and gives it up as gone after a longer one.
+TEST(ClientFollow, ASilentTerminalIsWaitedForUpToTheSilenceLimit)
+{
+    StandIn terminal(0);
+    terminal.finished_ = true;
+    swuc_session s;
+    ASSERT_NO_FATAL_FAILURE(open_to(&s, terminal));
+    s.cfg.reply_timeout_ms = 100; // three unanswered requests take 0.3 s
+    conection_response_t rsp;
+    ASSERT_EQ(swuc_connect(&s, &rsp), 0);
+    swuc_follow_opts o;
+    o.silence_ms = 1500;
+    terminal.mute_until_ms_ = swuc_now_ms() + 800;
+    swuc_status last;
+    EXPECT_EQ(swuc_follow_install(&s, &o, {}, &last), 0);
+    EXPECT_EQ(last.stage_code, SM_STATE_FINISH);
+
+    o.silence_ms = 500;
+    terminal.mute_until_ms_ = swuc_now_ms() + 60000;
+    const int64_t asked = swuc_now_ms();
+    EXPECT_NE(swuc_follow_install(&s, &o, {}, &last), 0);
+    EXPECT_LT(swuc_now_ms() - asked, 1500) << "the silence limit was not kept";
 }
 
 TEST(ClientStatus, ReportIsReadIntoItsFieldsOrRefused)
