@@ -113,7 +113,8 @@ def run(d):
             break
         time.sleep(0.05)
     assert outcome.startswith("confirmed, running 2.0.0 (exit 0)"), (outcome, seen)
-    assert all("done" in c for c in seen[-1]), seen[-1]
+    # The outcome and the bars may be read either side of one redraw.
+    wait.until(lambda d: all("done" in c for c in stage_classes(d)))
     active = {STAGES[i] for look in seen for i, c in enumerate(look) if "active" in c}
     assert len(active) >= 3, "the bars did not move through the stages: %s" % seen
     print("stages seen active:", sorted(active))
